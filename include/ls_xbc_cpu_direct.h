@@ -1,0 +1,256 @@
+// Shared header of the ls_xbc_cpu_direct driver: register tables, protocol
+// strings, the records that cross the boundary with the runtime, the driver
+// state object and the exported functions.
+//
+// Rules this driver applies to input the runtime may hand it (all of them give a
+// defined result and never write past a buffer):
+// - Writes (intf_setData) of more than 512 words or 1024 bits do not fit the
+//   1024-byte data of a request: they are refused as a whole, nothing is queued
+//   or shown, and the result stays 1. A count below 1 queues nothing either.
+// - Reads and writes never build a frame longer than the 1024 bytes of `frame`;
+//   a request of a register without a memory-area letter builds no frame.
+#ifndef LS_XBC_CPU_DIRECT_H
+#define LS_XBC_CPU_DIRECT_H
+
+#include <QByteArray>
+#include <QHash>
+#include <QList>
+#include <QMutex>
+#include <QString>
+#include <QVector>
+
+#define XBC_EXPORT extern "C" __attribute__((visibility("default")))
+
+// ---------------------------------------------------------------------------
+// Register tables and protocol strings (read-only after load).
+
+inline const QString PROCOTOL_DEFALT_COM_PAR = QStringLiteral("115200,8,NONE,1");
+// Data only: the PLC address a new project starts from. Never contacted by us.
+inline const QString PROCOTOL_DEFALT_IP_PAR = QStringLiteral("192.168.1.10,8000");
+inline const QString PROCOTOL_NAME = QStringLiteral("ls_xbc_cpu_direct");
+inline const QString PROCOTOL_VERSION = QStringLiteral("2.0.0.0");
+inline const QString PROCOTOL_PAR_HMI_SET_MODE = QStringLiteral("0_0");
+
+constexpr int REG_COUNT = 18;
+constexpr int REG_FALLBACK_ROW = 18;
+
+inline const QString REG_LIST[REG_COUNT] = {
+    QStringLiteral("P_W"),   QStringLiteral("M_W"),   QStringLiteral("L_W"),
+    QStringLiteral("K_W"),   QStringLiteral("F_W"),   QStringLiteral("D_W"),
+    QStringLiteral("S_W"),   QStringLiteral("T_W"),   QStringLiteral("C_W"),
+    QStringLiteral("N_W"),   QStringLiteral("Z_W"),   QStringLiteral("P_bit"),
+    QStringLiteral("M_bit"), QStringLiteral("L_bit"), QStringLiteral("K_bit"),
+    QStringLiteral("F_bit"), QStringLiteral("TX"),    QStringLiteral("CX")};
+
+// Columns of ADDRESS_RANGE_PRO.
+enum { COL_FORMAT, COL_MIN, COL_MAX, COL_DATA_BITS, COL_ACCESS, COL_UNIT_BITS };
+
+inline const QString ADDRESS_RANGE_PRO[REG_COUNT + 1][6] = {
+    {"DDDD", "0", "2047", "16", "RW", "16"},              // P_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},              // M_W
+    {"DDDDD", "0", "11263", "16", "RW", "16"},            // L_W
+    {"DDDD", "0", "2559", "16", "RW", "16"},              // K_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},              // F_W
+    {"DDDDD", "0", "32767", "16", "RW", "16"},            // D_W
+    {"DDD", "0", "127", "16", "RW", "16"},                // S_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},              // T_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},              // C_W
+    {"DDDDD", "0", "21503", "16", "RW", "16"},            // N_W
+    {"DDDD", "0", "127", "16", "RW", "16"},               // Z_W
+    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},       // P_bit
+    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},       // M_bit
+    {"DDDDD.DD", "0.0", "11263.15", "1", "RW", "16"},     // L_bit
+    {"DDDD.DD", "0.0", "4095.15", "1", "RW", "16"},       // K_bit
+    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},       // F_bit
+    {"DDDD", "0", "2047", "1", "RW", "1"},                // TX
+    {"DDDD", "0", "2047", "1", "RW", "1"},                // CX
+    {"DDDD", "0", "2047", "1", "RW", "1"},                // fallback, no name
+};
+
+inline const QString ADDRESS_RW_COMMAND[REG_COUNT] = {
+    "h", "i", "j", "k", "n", "a", "o", "b", "c", "p", "s",
+    "h", "i", "j", "k", "n", "l", "m"};
+
+// Offsets of the recipe request bytes in the runtime's status block.
+constexpr int STATUS_RECIPE_WRITE = 60115;
+constexpr int STATUS_RECIPE_READ = 60116;
+
+// ---------------------------------------------------------------------------
+// Records. Field order is part of the interface with the runtime.
+
+constexpr int DATA_BYTES = 1024;
+constexpr int FRAME_BYTES = 1024;
+
+struct VARIABLE {
+    int requestTag = 0;
+    int stationNo = 0;
+    QString regName;
+    int address = 0;
+    int count = 0;
+    unsigned char data[DATA_BYTES] = {};
+};
+
+struct FRAME_PRO {
+    unsigned char frame[FRAME_BYTES] = {};
+    int frameLen = 0;
+    int replyLen = 0;
+    int dataPos = 0;
+    int wordCount = 0;
+    int reserved = 0;
+    VARIABLE var;
+};
+
+struct KEY_ADDRESS {
+    QString hostText;
+    int hostValue = 0;
+    int bufferIndex = 0;
+    int stationNo = 0;
+    QString regName;
+    QString hostText2;
+    int address = 0;
+    int dataKind = 0;
+    int count = 0;
+    unsigned char data[DATA_BYTES] = {};
+};
+
+struct _DATA_ {
+    bool writePending = false;
+    quint32 pendingBitWrites = 0;
+    quint32 valueMonitor = 0;
+    quint32 bitMonitor = 0;
+    qint32 stationNo = 0;
+    QString name;
+    qint32 address = 0;
+    unsigned char value[4] = {};
+    unsigned char writtenValue[4] = {};
+};
+
+struct _RCP_VAR_PRO {
+    int driverId = 0;
+    int stationNo = 0;
+    QString regName;
+    int address = 0;
+    int count = 0;
+    int bufferIndex = 0;
+    int spareValue = 0;
+};
+
+// The runtime's value-change callback: (driverId, station, register, address).
+typedef void (*AddrValueChangeCallBack)(int, int, const QString &, int);
+
+// Key of one data area record, for the lookup index beside dataAreas.
+struct DataAreaKey {
+    int stationNo;
+    QString name;
+    int address;
+    bool operator==(const DataAreaKey &o) const
+    {
+        return stationNo == o.stationNo && address == o.address && name == o.name;
+    }
+};
+inline uint qHash(const DataAreaKey &k, uint seed = 0)
+{
+    return qHash(k.name, seed) ^ (uint(k.stationNo) * 0x9E3779B1u) ^
+           (uint(k.address) * 0x85EBCA77u);
+}
+
+// One value-change notification waiting to be delivered once the driver has
+// released its own lock.
+struct PendingNote {
+    int id;
+    int stationNo;
+    QString name;
+    int address;
+};
+
+// ---------------------------------------------------------------------------
+// The driver state. Fields up to propertyPage are in interface order; the
+// driver's own additions come after it.
+
+class Protocol {
+  public:
+    Protocol();
+    ~Protocol();
+    Protocol(const Protocol &) = delete;
+    Protocol &operator=(const Protocol &) = delete;
+
+    AddrValueChangeCallBack addrValueChangeCallBack = nullptr;
+    int driverId = 0;
+    int localWriteOnly = 0;
+    int spareParam = 0;
+    int retryTimes = 0;
+    int maxPacketLen = 0;
+    unsigned char *hmiStatusBlock = nullptr;
+    int hmiParam = 0;
+    unsigned char *rcpBuffer = nullptr;
+    QMutex *hmiMutex = nullptr;
+    QList<VARIABLE> readList;
+    QList<VARIABLE> writeList;
+    QList<VARIABLE> conditionReadList;
+    QList<_DATA_> dataAreas;
+    QVector<_RCP_VAR_PRO> rcpVarList;
+    QVector<_RCP_VAR_PRO> rcpBlockList;
+    QList<int> blockStartList;
+    VARIABLE lastConditionRead;
+    QList<QString> regNameList;
+    VARIABLE curVar;
+    QList<VARIABLE> curReadVars;
+    int sendState = 0;
+    int burstCount = 0;
+    int handShakeRequest = 0;
+    int failCount = 0;
+    int maxPacketBits = 0;
+    int maxPacketWords = 0;
+    int commError = 0;
+    int initDone = 0;
+    QList<FRAME_PRO> sendList;
+    QMutex dataMutex;
+    int rcpIndex = 0;
+    QString propertyPage;
+
+    // --- the driver's own additions ---
+    // Lookup index beside dataAreas: key -> index. Emptied with the list.
+    QHash<DataAreaKey, int> dataAreaIndex;
+    // Serialises the runtime's threads on the request lists and data areas.
+    QMutex stateMutex;
+    // Notifications gathered during one call, delivered after stateMutex is released.
+    QList<PendingNote> pendingNotes;
+};
+
+XBC_EXPORT Protocol driver;
+
+// ---------------------------------------------------------------------------
+// Exported functions.
+
+XBC_EXPORT void intf_getProtocolType(int &type);
+XBC_EXPORT QString intf_getVersion();
+XBC_EXPORT void intf_getDriverParameter(QString &param);
+XBC_EXPORT void intf_getDriverPropertyPage(QString &page);
+XBC_EXPORT void intf_SetDriverPropertyPage(const QString &page);
+XBC_EXPORT void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack callBack);
+XBC_EXPORT int intf_getRegListByType(int type, QList<QString> &names);
+XBC_EXPORT int intf_getRegDiscription(const QString &regName, QList<QString> &items);
+XBC_EXPORT int intf_initProperty(unsigned char *statusBlock, int hostValue,
+                                 unsigned char *recipeBuffer, int *status,
+                                 const char *properties, QMutex *hostLock);
+
+XBC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &addrText,
+                                      int *address, int count, int wordMode);
+XBC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText, int *address,
+                              int dataType, int count, int accessMode);
+XBC_EXPORT int intf_multiCopy(const QString &regName, int start, int copies, int step,
+                              QVector<QString> &texts, QVector<int> &values);
+
+XBC_EXPORT int intf_addrMerge(QList<KEY_ADDRESS> *keys);
+XBC_EXPORT int intf_setRcpAddress(QVector<_RCP_VAR_PRO> *vars);
+XBC_EXPORT int intf_addConditionRead(KEY_ADDRESS key, int requestTag);
+
+XBC_EXPORT int intf_getSendFrame(FRAME_PRO *out);
+XBC_EXPORT int intf_dealRcvFrame(QByteArray &reply, QString &errorText);
+
+XBC_EXPORT int intf_getData(int stationNo, QString regName, int start, int count,
+                            unsigned char *out);
+XBC_EXPORT int intf_setData(int stationNo, QString regName, int start, int count,
+                            unsigned char *data, int tag);
+
+#endif

@@ -1,0 +1,24 @@
+// Whether the next address key may be read in the same request as a block.
+#include "xbc_protocol.h"
+
+int judgeAddrMerge(KEY_ADDRESS block, KEY_ADDRESS next, int allowGap)
+{
+    return mergeRule(block, next, allowGap);
+}
+
+int mergeRule(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int allowGap)
+{
+    if (block.stationNo != next.stationNo)
+        return 1;
+    if (block.regName != next.regName)
+        return 1;
+    // Signed 32-bit arithmetic that wraps, as the merge passes expect.
+    const int gap = int(quint32(next.address) - (quint32(block.address) + quint32(block.count)));
+    const int allowance = allowGap ? driver.maxPacketLen : 0;
+    if (gap > allowance)
+        return 1;
+    // Contacts share a request only as exact repeats of the block's first one.
+    if (block.regName == QLatin1String("TX") || block.regName == QLatin1String("CX"))
+        return block.address != next.address ? 1 : 0;
+    return 0;
+}

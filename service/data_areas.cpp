@@ -1,0 +1,151 @@
+// The local image of PLC memory: records found by key, and monitor flags.
+#include "service.h"
+
+RegisterView registerViewFor(const QString &regName, int dataBits, int unitBits)
+{
+    const bool bitName = isBitRegName(regName);
+    if ((dataBits == 1 || dataBits == 8) && !bitName)
+        return {MAP_PER_BIT, regName};
+    const QString area = areaPrefix(regName);
+    switch (dataBits) {
+    case 16:
+        return {unitBits == 8 ? MAP_WORD_OF_BYTES : MAP_WORD, area};
+    case 32:
+        if (unitBits == 16)
+            return {MAP_DWORD_OF_WORDS, area};
+        return {unitBits == 8 ? MAP_DWORD_OF_BYTES : MAP_DWORD, area};
+    case 1:
+    case 8:
+        if (unitBits == 16)
+            return {MAP_BIT_IN_WORD, area};
+        return {unitBits == 8 ? MAP_BIT_IN_BYTE : MAP_NONE, area};
+    default:
+        return {MAP_NONE, area};
+    }
+}
+
+RegisterView registerViewOf(const QString &regName)
+{
+    return registerViewFor(regName, regDataBits(regName), regUnitBits(regName));
+}
+
+QString areaNameOf(const QString &regName)
+{
+    return registerViewOf(regName).area;
+}
+
+const unsigned char *shownBytes(const _DATA_ &record)
+{
+    return record.writePending ? record.writtenValue : record.value;
+}
+
+static void rebuildIndexIfStale()
+{
+    // Every path that empties dataAreas empties the index too; this only guards
+    // against a list changed behind our back.
+    if (driver.dataAreaIndex.size() == driver.dataAreas.size())
+        return;
+    driver.dataAreaIndex.clear();
+    for (int i = 0; i < driver.dataAreas.size(); ++i) {
+        const _DATA_ &r = driver.dataAreas.at(i);
+        driver.dataAreaIndex.insert(DataAreaKey{r.stationNo, r.name, r.address}, i);
+    }
+}
+
+static int appendRecord(int stationNo, const QString &name, int address, QList<_DATA_> &list)
+{
+    _DATA_ record;
+    record.stationNo = stationNo;
+    record.name = name;
+    record.address = address;
+    list.append(record);
+    return list.size() - 1;
+}
+
+int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list)
+{
+    if (&list != &driver.dataAreas) {
+        for (int i = 0; i < list.size(); ++i) {
+            const _DATA_ &r = list.at(i);
+            if (r.stationNo == stationNo && r.name == name && r.address == address)
+                return i;
+        }
+        return appendRecord(stationNo, name, address, list);
+    }
+    rebuildIndexIfStale();
+    const DataAreaKey key{stationNo, name, address};
+    const auto found = driver.dataAreaIndex.constFind(key);
+    if (found != driver.dataAreaIndex.constEnd())
+        return found.value();
+    const int index = appendRecord(stationNo, name, address, list);
+    driver.dataAreaIndex.insert(key, index);
+    return index;
+}
+
+void clearDataAreas()
+{
+    driver.dataAreas.clear();
+    driver.dataAreaIndex.clear();
+}
+
+int _setBitValue(int value, int bit, int on)
+{
+    const quint32 mask = bit >= 0 && bit <= 31 ? 1u << bit : 0u;
+    return int(on ? quint32(value) | mask : quint32(value) & ~mask);
+}
+
+static void markValue(int stationNo, const QString &area, int address, int flag)
+{
+    const int index = getIndexOfDataArea(stationNo, area, address, driver.dataAreas);
+    _DATA_ &r = driver.dataAreas[index];
+    r.valueMonitor = quint32(_setBitValue(int(r.valueMonitor), flag, 1));
+}
+
+static void markBit(int stationNo, const QString &area, int bitAddress, int unitBits)
+{
+    if (bitAddress < 0)
+        return;
+    const int index =
+        getIndexOfDataArea(stationNo, area, bitAddress / unitBits, driver.dataAreas);
+    _DATA_ &r = driver.dataAreas[index];
+    r.bitMonitor = quint32(_setBitValue(int(r.bitMonitor), bitAddress % unitBits, 1));
+}
+
+int monitorFlagsFor(const RegisterView &view, int stationNo, int start, int count)
+{
+    const bool doubleWord = view.kind == MAP_DWORD_OF_WORDS || view.kind == MAP_DWORD_OF_BYTES ||
+                            view.kind == MAP_DWORD;
+    const int values = qMin(doubleWord ? count / 2 : count, int(MAX_VALUES_PER_CALL));
+    for (int i = 0; i < values; ++i) {
+        switch (view.kind) {
+        case MAP_WORD:
+        case MAP_DWORD:
+        case MAP_PER_BIT:
+            markValue(stationNo, view.area, addrAt(start, i), 0);
+            break;
+        case MAP_WORD_OF_BYTES:
+        case MAP_DWORD_OF_WORDS:
+            markValue(stationNo, view.area, addrAt(start, 2 * i), 1);
+            markValue(stationNo, view.area, addrAt(start, 2 * i + 1), 2);
+            break;
+        case MAP_DWORD_OF_BYTES:
+            for (int k = 0; k < 4; ++k)
+                markValue(stationNo, view.area, addrAt(start, 4 * i + k), 3 + k);
+            break;
+        case MAP_BIT_IN_WORD:
+            markBit(stationNo, view.area, addrAt(start, i), 16);
+            break;
+        case MAP_BIT_IN_BYTE:
+            markBit(stationNo, view.area, addrAt(start, i), 8);
+            break;
+        case MAP_NONE:
+            return 0;
+        }
+    }
+    return 0;
+}
+
+int _setDataAreaMonitorFlag(int stationNo, QString regName, int start, int count)
+{
+    return monitorFlagsFor(registerViewOf(regName), stationNo, start, count);
+}

@@ -1,0 +1,195 @@
+// Replies: checked against the frame in flight, retried or abandoned, and
+// decoded into the image, a following write frame or the recipe buffer.
+#include "service.h"
+
+QString getErrorInfo(QByteArray reply)
+{
+    const VARIABLE &var = driver.sendList.first().var;
+    const int index = getIndexFromRegName(var.regName);
+    if (index < 0)
+        return QString();
+    QString addressText = addr_int2str(var.address, var.regName);
+    if (addressText.isEmpty())
+        addressText = formatPlainAddress(ADDRESS_RANGE_PRO[index][COL_FORMAT], var.address);
+    return QStringLiteral("%1#%2%3(%4)(%5)")
+        .arg(QString::number(var.stationNo), var.regName, addressText,
+             QString::number(var.count), QString::number(reply.size()));
+}
+
+// ---------------------------------------------------------------------------
+// Decoding.
+
+static void decodeWords(const QByteArray &reply, int count, int start, const VARIABLE &var)
+{
+    const QString area = areaPrefix(var.regName);
+    // A bit-addressed read (a recipe block of a bit register) reads the words
+    // that hold its bits: its records are keyed by word number.
+    const int firstWord = isBitRegName(var.regName) ? var.address / 16 : var.address;
+    for (int k = 0; k < count; ++k) {
+        const unsigned char lo = asc2hex(reply, start + 4 * k);
+        const unsigned char hi = asc2hex(reply, start + 4 * k + 2);
+        int index = 0;
+        index = getIndexOfDataArea(var.stationNo, area, addrAt(firstWord, k), driver.dataAreas);
+        _DATA_ &r = driver.dataAreas[index];
+        int newValue = uchar2int16(lo, hi);
+        int oldValue = uchar2int16(r.value[0], r.value[1]);
+        r.value[0] = lo;
+        r.value[1] = hi;
+        if (newValue != oldValue) {
+            if (!(r.pendingBitWrites != 0 && !driver.writeList.isEmpty()))
+                r.writePending = false;
+            _wordDataChange(&oldValue, &newValue, index, 0);
+        }
+    }
+}
+
+static void decodeContacts(const QByteArray &reply, int count, int start, const VARIABLE &var)
+{
+    if (var.address < 0)
+        return;
+    for (int k = 0; k < count; ++k) {
+        const int a = addrAt(var.address, k);
+        const int b = var.address % 16 + k; // position from bit 0 of the first word read
+        const unsigned char bit = (asc2hex(reply, start + 2 * (b / 8)) >> (b % 8)) & 1;
+        const int index = getIndexOfDataArea(var.stationNo, var.regName, a, driver.dataAreas);
+        _DATA_ &r = driver.dataAreas[index];
+        const bool changed = r.value[0] != bit;
+        r.value[0] = bit;
+        if (changed) {
+            r.writePending = false;
+            _bitDataChange(index);
+        }
+    }
+}
+
+// The read half of a several-bit write: merge the bits into the words read and
+// complete the write frame that follows.
+static void completeBitWrite(const QByteArray &reply, int count, int start, const VARIABLE &var)
+{
+    if (driver.sendList.size() < 2 || count < 1 || var.address < 0)
+        return;
+    FRAME_PRO &write = driver.sendList[1];
+    if (write.wordCount != 0 || 4 * count + 14 != write.frameLen)
+        return;
+    QVector<quint16> words(count);
+    for (int j = 0; j < count; ++j)
+        words[j] = quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
+    for (int i = 0; i < var.count && i < DATA_BYTES; ++i) {
+        const int b = var.address % 16 + i;
+        if (b / 16 >= count)
+            break;
+        const quint16 mask = quint16(1u << (b % 16));
+        words[b / 16] = var.data[i] != 0 ? quint16(words[b / 16] | mask)
+                                        : quint16(words[b / 16] & ~mask);
+    }
+    for (int j = 0; j < count; ++j)
+        putHex16(write.frame + 11 + 4 * j, words[j]);
+    sealFrame(write.frame, write.frameLen);
+}
+
+// Copies the words of an uploaded recipe block into the runtime's buffer, each
+// variable at its own buffer position.
+static void fillRecipeBuffer(const QByteArray &reply, int count, int start, const VARIABLE &var)
+{
+    const int block = driver.rcpIndex;
+    if (driver.rcpBuffer == nullptr || block < 0 || block >= driver.blockStartList.size())
+        return;
+    const int first = driver.blockStartList.at(block);
+    const int end = block + 1 < driver.blockStartList.size() ? driver.blockStartList.at(block + 1)
+                                                            : driver.rcpVarList.size();
+    for (int v = qMax(first, 0); v < end && v < driver.rcpVarList.size(); ++v) {
+        const _RCP_VAR_PRO &r = driver.rcpVarList.at(v);
+        for (int j = 0; j < r.count; ++j) {
+            // Word position inside this frame's reply; a block read as several
+            // frames fills each variable from the frame that carries it.
+            const qint64 rel = qint64(r.address) + j - var.address;
+            const qint64 word = qint64(r.bufferIndex) + j;
+            if (rel < 0 || rel >= count || word < 0)
+                continue;
+            const int p = start + int(rel) * 4;
+            driver.rcpBuffer[word * 2] = asc2hex(reply, p);
+            driver.rcpBuffer[word * 2 + 1] = asc2hex(reply, p + 2);
+            notifyHost(0, -1, QStringLiteral("RWI"), int(word));
+        }
+    }
+}
+
+void analyzeFrameOfVal(QByteArray reply, int count, int start, VARIABLE var)
+{
+    const bool bitWrite = driver.sendState == 2 || driver.sendState == 5;
+    if (bitWrite && isBitRegName(var.regName)) {
+        completeBitWrite(reply, count, start, var);
+        return;
+    }
+    const int width = regUnitBits(var.regName);
+    if (width == 16)
+        decodeWords(reply, count, start, var);
+    else if (width == 1)
+        decodeContacts(reply, count, start, var);
+    if (driver.sendState == 6)
+        fillRecipeBuffer(reply, count, start, var);
+}
+
+int dealReadFrameReturnSaveData(QByteArray reply)
+{
+    const FRAME_PRO &head = driver.sendList.first();
+    analyzeFrameOfVal(reply, head.wordCount, head.dataPos, head.var);
+    return 0;
+}
+
+// ---------------------------------------------------------------------------
+// Receiving.
+
+// Every write frame still queued settles its own piece as failed; a two-frame
+// bit write is settled once, by its write frame.
+static void failQueuedWrites()
+{
+    for (const FRAME_PRO &frame : driver.sendList) {
+        if (frame.wordCount == 0)
+            _write_FailOrSuc(frame.var.stationNo, frame.var.regName, frame.var.address,
+                             frame.var.count, 0);
+    }
+}
+
+static int retireHead()
+{
+    driver.sendList.removeFirst();
+    if (driver.sendList.isEmpty())
+        dealListWhenFinish();
+    driver.failCount = 0;
+    return 1;
+}
+
+int intf_dealRcvFrame(QByteArray &reply, QString &errorText)
+{
+    DriverCall call;
+    errorText = QLatin1String("");
+    if (driver.sendList.isEmpty())
+        return 0;
+    errorText = getErrorInfo(reply);
+    const int r = check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()),
+                                 driver.curReadVars, reply.size());
+    if (r == 1) {
+        driver.commError = 0;
+        dealReadFrameReturnSaveData(reply);
+        return retireHead();
+    }
+    if (r == 2) {
+        if (driver.sendState == 2) {
+            const VARIABLE &var = driver.sendList.first().var;
+            _write_FailOrSuc(var.stationNo, var.regName, var.address, var.count, 1);
+        }
+        driver.commError = 0;
+        return retireHead();
+    }
+    driver.failCount++;
+    if (driver.failCount < driver.retryTimes)
+        return 8;
+    driver.commError = 1;
+    if (driver.sendState == 2)
+        failQueuedWrites();
+    driver.sendList.clear();
+    driver.failCount = 0;
+    dealListWhenFinish();
+    return 2;
+}

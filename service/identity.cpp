@@ -1,0 +1,129 @@
+// Identity and property calls: what the driver is and the runtime's settings.
+#include "service.h"
+
+#include <QStringList>
+
+void intf_getProtocolType(int &type)
+{
+    type = 0;
+}
+
+QString intf_getVersion()
+{
+    return PROCOTOL_VERSION;
+}
+
+void intf_getDriverParameter(QString &param)
+{
+    QStringList names;
+    {
+        DriverCall call;
+        names = QStringList(driver.regNameList);
+    }
+    param = QStringLiteral("%1,%2,%3,%4,%5,%6,%7")
+                .arg(QString::number(0), PROCOTOL_DEFALT_COM_PAR, QString::number(0),
+                     QString::number(1), PROCOTOL_DEFALT_IP_PAR, PROCOTOL_NAME,
+                     names.join(QLatin1Char(',')));
+}
+
+void intf_getDriverPropertyPage(QString &page)
+{
+    page = PROCOTOL_PAR_HMI_SET_MODE;
+}
+
+void intf_SetDriverPropertyPage(const QString &page)
+{
+    DriverCall call;
+    driver.propertyPage = page;
+}
+
+void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack callBack)
+{
+    DriverCall call;
+    driver.addrValueChangeCallBack = callBack;
+}
+
+int intf_getRegListByType(int type, QList<QString> &names)
+{
+    for (int i = 0; i < REG_COUNT; ++i) {
+        const int dataBits = ADDRESS_RANGE_PRO[i][COL_DATA_BITS].toInt();
+        if ((type == 0 && dataBits == 1) || (type != 0 && dataBits > 1))
+            names.append(REG_LIST[i]);
+    }
+    return unsigned(type) <= 1u ? 1 : 0;
+}
+
+static QString widthCode(const QString &dataBits)
+{
+    if (dataBits == QLatin1String("1"))
+        return QStringLiteral("0");
+    if (dataBits == QLatin1String("32"))
+        return QStringLiteral("2");
+    return QStringLiteral("1");
+}
+
+static QString accessCode(const QString &access)
+{
+    if (access == QLatin1String("R"))
+        return QStringLiteral("0");
+    if (access == QLatin1String("W"))
+        return QStringLiteral("2");
+    return QStringLiteral("1");
+}
+
+int intf_getRegDiscription(const QString &regName, QList<QString> &items)
+{
+    const int index = getIndexFromRegName(regName);
+    if (index < 0)
+        return 0;
+    const QString *row = ADDRESS_RANGE_PRO[index];
+    items << row[COL_FORMAT] << row[COL_MIN] << row[COL_MAX] << widthCode(row[COL_DATA_BITS])
+          << accessCode(row[COL_ACCESS]);
+    return 0;
+}
+
+// Five numbers separated by "#"; with fewer parts the numbers stay as they were.
+static void takePropertyNumbers(const char *properties)
+{
+    const QStringList parts =
+        QString::fromLatin1(properties ? properties : "").split(QLatin1Char('#'));
+    if (parts.size() < 5)
+        return;
+    driver.driverId = parts.at(0).toInt();
+    driver.localWriteOnly = parts.at(1).toInt();
+    driver.spareParam = parts.at(2).toInt();
+    driver.retryTimes = parts.at(3).toInt();
+    driver.maxPacketLen = parts.at(4).toInt();
+}
+
+void resetRun()
+{
+    driver.readList.clear();
+    driver.writeList.clear();
+    driver.conditionReadList.clear();
+    clearDataAreas();
+    driver.sendState = 0;
+    driver.burstCount = 0;
+    driver.handShakeRequest = 0;
+    driver.failCount = 0;
+    driver.commError = 0;
+    driver.maxPacketWords = driver.maxPacketLen;
+    driver.maxPacketBits = int(8u * quint32(driver.maxPacketLen));
+    driver.sendList.clear();
+    driver.initDone = 1;
+}
+
+int intf_initProperty(unsigned char *statusBlock, int hostValue, unsigned char *recipeBuffer,
+                      int *status, const char *properties, QMutex *hostLock)
+{
+    DriverCall call;
+    if (status != nullptr)
+        *status = 0;
+    takePropertyNumbers(properties);
+    driver.hmiStatusBlock = statusBlock;
+    driver.hmiParam = hostValue;
+    driver.rcpBuffer = recipeBuffer;
+    driver.hmiMutex = hostLock;
+    resetRun();
+    return 1;
+}

@@ -1,0 +1,65 @@
+// Recipe variables: the ones of this driver, sorted and merged into blocks.
+#include "service.h"
+
+#include <algorithm>
+
+int intf_setRcpAddress(QVector<_RCP_VAR_PRO> *vars)
+{
+    DriverCall call;
+    driver.rcpVarList.clear();
+    if (vars != nullptr) {
+        for (const _RCP_VAR_PRO &var : *vars) {
+            if (var.driverId == driver.driverId)
+                driver.rcpVarList.append(var);
+        }
+    }
+    // Blocks of a previous set would describe variables that are gone.
+    driver.blockStartList.clear();
+    driver.rcpBlockList.clear();
+    driver.rcpIndex = 0;
+    if (driver.rcpVarList.isEmpty())
+        return 0;
+    std::stable_sort(driver.rcpVarList.begin(), driver.rcpVarList.end(),
+                     [](const _RCP_VAR_PRO &a, const _RCP_VAR_PRO &b) {
+                         return getRegAddressWeight(a.stationNo, a.regName, a.address) <
+                                getRegAddressWeight(b.stationNo, b.regName, b.address);
+                     });
+    QList<KEY_ADDRESS> keys;
+    for (const _RCP_VAR_PRO &var : driver.rcpVarList) {
+        KEY_ADDRESS key;
+        key.stationNo = var.stationNo;
+        key.regName = var.regName;
+        key.address = var.address;
+        key.count = var.count;
+        key.bufferIndex = var.bufferIndex;
+        keys.append(key);
+    }
+    addrMerge(keys, 2);
+    for (const KEY_ADDRESS &block : keys) {
+        _RCP_VAR_PRO record;
+        record.stationNo = block.stationNo;
+        record.regName = block.regName;
+        record.address = block.address;
+        record.count = block.count;
+        record.bufferIndex = block.bufferIndex;
+        driver.rcpBlockList.append(record);
+    }
+    return driver.rcpVarList.size();
+}
+
+void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData)
+{
+    var.stationNo = block.stationNo;
+    var.regName = block.regName;
+    var.address = block.address;
+    var.count = block.count;
+    memset(var.data, 0, sizeof var.data);
+    // A name outside the register table has no known unit size: nothing to copy.
+    const int index = getIndexFromRegName(block.regName);
+    if (!withData || index < 0 || driver.rcpBuffer == nullptr || block.bufferIndex < 0)
+        return;
+    const int unitBytes = ADDRESS_RANGE_PRO[index][COL_UNIT_BITS].toInt() / 8;
+    const qint64 bytes = qMin(qint64(block.count) * unitBytes, qint64(DATA_BYTES));
+    if (bytes > 0)
+        memcpy(var.data, driver.rcpBuffer + 2 * qint64(block.bufferIndex), size_t(bytes));
+}

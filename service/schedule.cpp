@@ -1,0 +1,207 @@
+// The send schedule: which request goes on the line next, and the bookkeeping
+// when the frames of a request are done.
+#include "service.h"
+
+#include <QMutexLocker>
+
+namespace {
+struct RecipeRequests {
+    bool write;
+    bool read;
+};
+} // namespace
+
+static RecipeRequests readRecipeRequests()
+{
+    if (driver.hmiStatusBlock == nullptr)
+        return {false, false};
+    QMutexLocker lock(driver.hmiMutex);
+    return {driver.hmiStatusBlock[STATUS_RECIPE_WRITE] == 1,
+            driver.hmiStatusBlock[STATUS_RECIPE_READ] == 1};
+}
+
+static void clearRecipeRequest(int offset)
+{
+    if (driver.hmiStatusBlock == nullptr)
+        return;
+    QMutexLocker lock(driver.hmiMutex);
+    driver.hmiStatusBlock[offset] = 0;
+}
+
+static int buildRead()
+{
+    driver.curReadVars.clear();
+    driver.curReadVars.append(driver.curVar);
+    return getReadFrame(driver.curReadVars);
+}
+
+// The request at the head of a list could not be put into a frame (no area
+// letter, no units): it leaves the list so that the rest of the work goes on.
+static void dropUnsendableWrite()
+{
+    const VARIABLE dropped = driver.curVar;
+    {
+        QMutexLocker lock(&driver.dataMutex);
+        if (!driver.writeList.isEmpty())
+            driver.writeList.removeFirst();
+    }
+    // The screens show the written value: fall back to the image and say so.
+    _write_FailOrSuc(dropped.stationNo, dropped.regName, dropped.address, dropped.count, 0);
+}
+
+static void dropUnsendableConditionRead()
+{
+    if (driver.conditionReadList.isEmpty())
+        return;
+    if (sameRequest(driver.conditionReadList.first(), driver.lastConditionRead))
+        notifyHost(-1, -1, QStringLiteral("-1"), -1);
+    driver.conditionReadList.removeFirst();
+}
+
+// A recipe block that cannot be framed counts as transferred.
+static void skipRecipeBlock()
+{
+    const int saved = driver.commError;
+    driver.commError = 0;
+    dealListWhenFinish();
+    driver.commError = saved;
+}
+
+// Queues the frames of the next request; leaves sendList empty when there is
+// nothing to send. Every turn of the loop either queues frames or removes one
+// request, so it ends.
+static void planNextFrame()
+{
+    for (;;) {
+        const RecipeRequests recipe = readRecipeRequests();
+        const bool blocksLeft = driver.rcpIndex < driver.rcpBlockList.size();
+        if (driver.handShakeRequest) {
+            driver.sendState = 1;
+            handShakeFrame();
+            return;
+        }
+        if ((recipe.write || recipe.read) && blocksLeft) {
+            const _RCP_VAR_PRO block = driver.rcpBlockList.at(driver.rcpIndex);
+            rcpAddrToVar(block, driver.curVar, recipe.write ? 1 : 0);
+            driver.sendState = recipe.write ? 5 : 6;
+            if ((recipe.write ? getWriteFrame(driver.curVar) : buildRead()) > 0)
+                return;
+            skipRecipeBlock();
+            continue;
+        }
+        // A request byte with no block left would otherwise block all other
+        // work for as long as it stays set.
+        if (recipe.write || recipe.read) {
+            driver.rcpIndex = 0;
+            if (recipe.write)
+                clearRecipeRequest(STATUS_RECIPE_WRITE);
+            if (recipe.read)
+                clearRecipeRequest(STATUS_RECIPE_READ);
+        }
+        if (!driver.writeList.isEmpty() && driver.burstCount <= 9) {
+            driver.curVar = driver.writeList.first();
+            driver.sendState = 2;
+            driver.burstCount++;
+            if (getWriteFrame(driver.curVar) > 0)
+                return;
+            dropUnsendableWrite();
+            continue;
+        }
+        if (!driver.conditionReadList.isEmpty() && driver.burstCount <= 2) {
+            driver.curVar = driver.conditionReadList.first();
+            driver.sendState = 3;
+            driver.burstCount++;
+            if (buildRead() > 0)
+                return;
+            dropUnsendableConditionRead();
+            continue;
+        }
+        if (!driver.readList.isEmpty()) {
+            driver.curVar = driver.readList.first();
+            driver.sendState = 4;
+            driver.burstCount = 0;
+            if (buildRead() > 0)
+                return;
+            driver.readList.removeFirst(); // a block no frame can read
+            continue;
+        }
+        driver.burstCount = 0;
+        driver.sendState = 0;
+        driver.sendList.clear();
+        return;
+    }
+}
+
+static void copyFrame(const FRAME_PRO &from, FRAME_PRO *out)
+{
+    memcpy(out->frame, from.frame, sizeof out->frame);
+    out->frameLen = from.frameLen;
+    out->replyLen = from.replyLen;
+    out->dataPos = from.dataPos;
+    out->wordCount = from.wordCount;
+    out->reserved = from.reserved;
+    out->var.requestTag = from.var.requestTag;
+    out->var.stationNo = from.var.stationNo;
+    out->var.regName = from.var.regName;
+    out->var.address = from.var.address;
+    out->var.count = from.var.count;
+    memcpy(out->var.data, from.var.data, sizeof out->var.data);
+}
+
+int intf_getSendFrame(FRAME_PRO *out)
+{
+    DriverCall call;
+    if (out == nullptr)
+        return 0;
+    // The head stays until a reply retires it, so an unanswered frame goes again.
+    if (driver.sendList.isEmpty())
+        planNextFrame();
+    if (driver.sendList.isEmpty())
+        return 0;
+    copyFrame(driver.sendList.first(), out);
+    return 1;
+}
+
+static void finishRecipeBlock(int requestOffset)
+{
+    if (driver.commError == 0) {
+        driver.rcpIndex++;
+        if (driver.rcpIndex < driver.rcpBlockList.size())
+            return;
+    }
+    driver.rcpIndex = 0;
+    clearRecipeRequest(requestOffset);
+}
+
+void dealListWhenFinish()
+{
+    switch (driver.sendState) {
+    case 2: {
+        QMutexLocker lock(&driver.dataMutex);
+        if (!driver.writeList.isEmpty())
+            driver.writeList.removeFirst();
+        break;
+    }
+    case 3:
+        if (!driver.conditionReadList.isEmpty() &&
+            sameRequest(driver.conditionReadList.first(), driver.lastConditionRead))
+            notifyHost(-1, -1, QStringLiteral("-1"), driver.commError ? -1 : 0);
+        if (driver.commError)
+            driver.conditionReadList.clear();
+        else if (!driver.conditionReadList.isEmpty())
+            driver.conditionReadList.removeFirst();
+        break;
+    case 4:
+        if (driver.readList.size() >= 2)
+            driver.readList.move(0, driver.readList.size() - 1);
+        break;
+    case 5:
+        finishRecipeBlock(STATUS_RECIPE_WRITE);
+        break;
+    case 6:
+        finishRecipeBlock(STATUS_RECIPE_READ);
+        break;
+    default:
+        break;
+    }
+}
