@@ -112,7 +112,7 @@ int getReadFrame(QList<VARIABLE> vars)
         return 0;
     // A block longer than one frame can describe is read as several frames,
     // each decoded into its own records.
-    const int total = var.count;
+    const int total = qMin(var.count, MAX_WORDS_PER_READ);
     const int step = unitsPerWord(var);
     const int start = var.address;
     for (int done = 0; done < total; done += MAX_WORDS_PER_FRAME) {

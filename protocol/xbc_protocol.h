@@ -43,6 +43,9 @@ enum { STX = 0x02, ETX = 0x03, EOT = 0x04, ACK = 0x06, NAK = 0x15 };
 enum { READ_FRAME_LEN = 14, BIT_FRAME_LEN = 16, WRITE_REPLY_LEN = 5 };
 // Largest word count one request can describe (its byte count is one hex pair).
 constexpr int MAX_WORDS_PER_FRAME = 127;
+// Most words one read request is read for (the largest register holds 32768):
+// longer counts are cut there instead of queueing frames without end.
+constexpr int MAX_WORDS_PER_READ = 32768;
 unsigned char hexChar(int nibble);
 void putHexPair(unsigned char *at, unsigned char byte);
 void putHex16(unsigned char *at, quint16 value); // low byte first
