@@ -12,10 +12,22 @@ struct FuzzInput {
     size_t size;
     size_t pos = 0;
 
-    bool empty() const { return pos >= size; }
-    uint8_t byte() { return pos < size ? data[pos++] : 0; }
-    int16_t int16() { return int16_t(byte() | byte() << 8); }
-    int32_t int32() { return int32_t(uint32_t(int16() & 0xFFFF) | uint32_t(int16() & 0xFFFF) << 16); }
+    bool empty() const
+    {
+        return pos >= size;
+    }
+    uint8_t byte()
+    {
+        return pos < size ? data[pos++] : 0;
+    }
+    int16_t int16()
+    {
+        return int16_t(byte() | byte() << 8);
+    }
+    int32_t int32()
+    {
+        return int32_t(uint32_t(int16() & 0xFFFF) | uint32_t(int16() & 0xFFFF) << 16);
+    }
     QByteArray bytes(size_t n)
     {
         n = n < size - pos ? n : size - pos;

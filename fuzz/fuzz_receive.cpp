@@ -15,8 +15,8 @@ static KEY_ADDRESS keyFrom(FuzzInput &in)
 
 static void setUp(FuzzInput &in)
 {
-    static const char *const properties[] = {"1#0#0#3#64", "1#0#0#1#8", "2#1#0#2#127",
-                                             "1#0#0#0#0", "1#0#0#3#-5", "7#0#0#3#300"};
+    static const char *const properties[] = {"1#0#0#3#64", "1#0#0#1#8",  "2#1#0#2#127",
+                                             "1#0#0#0#0",  "1#0#0#3#-5", "7#0#0#3#300"};
     fuzzResetDriver(properties[in.byte() % 6]);
     QList<KEY_ADDRESS> keys;
     for (int n = in.byte() % 8; n > 0; --n)
@@ -63,9 +63,11 @@ static QByteArray replyFrom(FuzzInput &in)
     reply.append(char(ACK));
     reply.append(body);
     unsigned char pair[2];
-    putHexPair(pair, (unsigned char)(computate_check(
-                         reinterpret_cast<const unsigned char *>(reply.constData()) + 1,
-                         quint16(reply.size() - 1)) & 0xFF));
+    putHexPair(pair,
+               (unsigned char)(computate_check(
+                                   reinterpret_cast<const unsigned char *>(reply.constData()) + 1,
+                                   quint16(reply.size() - 1)) &
+                               0xFF));
     reply.append(char(pair[0]));
     reply.append(char(pair[1]));
     reply.append(char(EOT));

@@ -46,30 +46,29 @@ inline const QString REG_LIST[REG_COUNT] = {
 enum { COL_FORMAT, COL_MIN, COL_MAX, COL_DATA_BITS, COL_ACCESS, COL_UNIT_BITS };
 
 inline const QString ADDRESS_RANGE_PRO[REG_COUNT + 1][6] = {
-    {"DDDD", "0", "2047", "16", "RW", "16"},              // P_W
-    {"DDDD", "0", "2047", "16", "RW", "16"},              // M_W
-    {"DDDDD", "0", "11263", "16", "RW", "16"},            // L_W
-    {"DDDD", "0", "2559", "16", "RW", "16"},              // K_W
-    {"DDDD", "0", "2047", "16", "RW", "16"},              // F_W
-    {"DDDDD", "0", "32767", "16", "RW", "16"},            // D_W
-    {"DDD", "0", "127", "16", "RW", "16"},                // S_W
-    {"DDDD", "0", "2047", "16", "RW", "16"},              // T_W
-    {"DDDD", "0", "2047", "16", "RW", "16"},              // C_W
-    {"DDDDD", "0", "21503", "16", "RW", "16"},            // N_W
-    {"DDDD", "0", "127", "16", "RW", "16"},               // Z_W
-    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},       // P_bit
-    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},       // M_bit
-    {"DDDDD.DD", "0.0", "11263.15", "1", "RW", "16"},     // L_bit
-    {"DDDD.DD", "0.0", "4095.15", "1", "RW", "16"},       // K_bit
-    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},       // F_bit
-    {"DDDD", "0", "2047", "1", "RW", "1"},                // TX
-    {"DDDD", "0", "2047", "1", "RW", "1"},                // CX
-    {"DDDD", "0", "2047", "1", "RW", "1"},                // fallback, no name
+    {"DDDD", "0", "2047", "16", "RW", "16"},          // P_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},          // M_W
+    {"DDDDD", "0", "11263", "16", "RW", "16"},        // L_W
+    {"DDDD", "0", "2559", "16", "RW", "16"},          // K_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},          // F_W
+    {"DDDDD", "0", "32767", "16", "RW", "16"},        // D_W
+    {"DDD", "0", "127", "16", "RW", "16"},            // S_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},          // T_W
+    {"DDDD", "0", "2047", "16", "RW", "16"},          // C_W
+    {"DDDDD", "0", "21503", "16", "RW", "16"},        // N_W
+    {"DDDD", "0", "127", "16", "RW", "16"},           // Z_W
+    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},   // P_bit
+    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},   // M_bit
+    {"DDDDD.DD", "0.0", "11263.15", "1", "RW", "16"}, // L_bit
+    {"DDDD.DD", "0.0", "4095.15", "1", "RW", "16"},   // K_bit
+    {"DDDD.DD", "0.0", "2047.15", "1", "RW", "16"},   // F_bit
+    {"DDDD", "0", "2047", "1", "RW", "1"},            // TX
+    {"DDDD", "0", "2047", "1", "RW", "1"},            // CX
+    {"DDDD", "0", "2047", "1", "RW", "1"},            // fallback, no name
 };
 
-inline const QString ADDRESS_RW_COMMAND[REG_COUNT] = {
-    "h", "i", "j", "k", "n", "a", "o", "b", "c", "p", "s",
-    "h", "i", "j", "k", "n", "l", "m"};
+inline const QString ADDRESS_RW_COMMAND[REG_COUNT] = {"h", "i", "j", "k", "n", "a", "o", "b", "c",
+                                                      "p", "s", "h", "i", "j", "k", "n", "l", "m"};
 
 // Offsets of the recipe request bytes in the runtime's status block.
 constexpr int STATUS_RECIPE_WRITE = 60115;
@@ -231,11 +230,11 @@ XBC_EXPORT void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack callBack
 XBC_EXPORT int intf_getRegListByType(int type, QList<QString> &names);
 XBC_EXPORT int intf_getRegDiscription(const QString &regName, QList<QString> &items);
 XBC_EXPORT int intf_initProperty(unsigned char *statusBlock, int hostValue,
-                                 unsigned char *recipeBuffer, int *status,
-                                 const char *properties, QMutex *hostLock);
+                                 unsigned char *recipeBuffer, int *status, const char *properties,
+                                 QMutex *hostLock);
 
-XBC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &addrText,
-                                      int *address, int count, int wordMode);
+XBC_EXPORT int intf_checkAddrValidity(const QString &regName, const QString &addrText, int *address,
+                                      int count, int wordMode);
 XBC_EXPORT int intf_checkAddr(const QString &regName, const QString &addrText, int *address,
                               int dataType, int count, int accessMode);
 XBC_EXPORT int intf_multiCopy(const QString &regName, int start, int copies, int step,

@@ -165,8 +165,7 @@ static void queueSingleBitWrite(const VARIABLE &request)
 {
     FRAME_PRO frame;
     const bool set = request.data[0] != 0;
-    writeFrameHead(frame.frame, set ? 'o' : 'n', areaLetter(request.regName),
-                   request.address / 16);
+    writeFrameHead(frame.frame, set ? 'o' : 'n', areaLetter(request.regName), request.address / 16);
     const quint16 bit = quint16(1u << (request.address % 16));
     putHex16(frame.frame + 9, set ? bit : quint16(~bit));
     queueWriteRecord(frame, request, BIT_FRAME_LEN);

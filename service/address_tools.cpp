@@ -56,8 +56,8 @@ static int checkAddress(const QString &regName, const QString &addrText, int *ad
     return 0;
 }
 
-int intf_checkAddrValidity(const QString &regName, const QString &addrText, int *address,
-                           int count, int wordMode)
+int intf_checkAddrValidity(const QString &regName, const QString &addrText, int *address, int count,
+                           int wordMode)
 {
     return checkAddress(regName, addrText, address, count,
                         CheckRequest{wordMode == 0, false, 0, false, 0});
@@ -119,8 +119,8 @@ int multiCp(const QString &regName, const QString &format, int start, int copies
     return result;
 }
 
-int intf_multiCopy(const QString &regName, int start, int copies, int step,
-                   QVector<QString> &texts, QVector<int> &values)
+int intf_multiCopy(const QString &regName, int start, int copies, int step, QVector<QString> &texts,
+                   QVector<int> &values)
 {
     const int index = getIndexFromRegName(regName);
     if (index < 0)

@@ -105,8 +105,7 @@ static void markBit(int stationNo, const QString &area, int bitAddress, int unit
 {
     if (bitAddress < 0)
         return;
-    const int index =
-        getIndexOfDataArea(stationNo, area, bitAddress / unitBits, driver.dataAreas);
+    const int index = getIndexOfDataArea(stationNo, area, bitAddress / unitBits, driver.dataAreas);
     _DATA_ &r = driver.dataAreas[index];
     r.bitMonitor = quint32(_setBitValue(int(r.bitMonitor), bitAddress % unitBits, 1));
 }

@@ -12,8 +12,8 @@ QString getErrorInfo(QByteArray reply)
     if (addressText.isEmpty())
         addressText = formatPlainAddress(ADDRESS_RANGE_PRO[index][COL_FORMAT], var.address);
     return QStringLiteral("%1#%2%3(%4)(%5)")
-        .arg(QString::number(var.stationNo), var.regName, addressText,
-             QString::number(var.count), QString::number(reply.size()));
+        .arg(QString::number(var.stationNo), var.regName, addressText, QString::number(var.count),
+             QString::number(reply.size()));
 }
 
 // ---------------------------------------------------------------------------
@@ -73,14 +73,15 @@ static void completeBitWrite(const QByteArray &reply, int count, int start, cons
         return;
     QVector<quint16> words(count);
     for (int j = 0; j < count; ++j)
-        words[j] = quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
+        words[j] =
+            quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
     for (int i = 0; i < var.count && i < DATA_BYTES; ++i) {
         const int b = var.address % 16 + i;
         if (b / 16 >= count)
             break;
         const quint16 mask = quint16(1u << (b % 16));
-        words[b / 16] = var.data[i] != 0 ? quint16(words[b / 16] | mask)
-                                        : quint16(words[b / 16] & ~mask);
+        words[b / 16] =
+            var.data[i] != 0 ? quint16(words[b / 16] | mask) : quint16(words[b / 16] & ~mask);
     }
     for (int j = 0; j < count; ++j)
         putHex16(write.frame + 11 + 4 * j, words[j]);
@@ -96,7 +97,7 @@ static void fillRecipeBuffer(const QByteArray &reply, int count, int start, cons
         return;
     const int first = driver.blockStartList.at(block);
     const int end = block + 1 < driver.blockStartList.size() ? driver.blockStartList.at(block + 1)
-                                                            : driver.rcpVarList.size();
+                                                             : driver.rcpVarList.size();
     for (int v = qMax(first, 0); v < end && v < driver.rcpVarList.size(); ++v) {
         const _RCP_VAR_PRO &r = driver.rcpVarList.at(v);
         for (int j = 0; j < r.count; ++j) {

@@ -44,14 +44,14 @@ void analyzeFrameOfVal(QByteArray reply, int count, int start, VARIABLE var);
 // How a register's values map onto data area records.
 enum MappingKind {
     MAP_NONE,
-    MAP_WORD,              // one 16-bit record per word
-    MAP_WORD_OF_BYTES,     // a 16-bit value over two 8-bit records
-    MAP_DWORD_OF_WORDS,    // a 32-bit value over two 16-bit records
-    MAP_DWORD_OF_BYTES,    // a 32-bit value over four 8-bit records
-    MAP_DWORD,             // one 32-bit record per value
-    MAP_PER_BIT,           // one record per bit, keyed by the whole register name
-    MAP_BIT_IN_WORD,       // a bit of a 16-bit record
-    MAP_BIT_IN_BYTE,       // a bit of an 8-bit record
+    MAP_WORD,           // one 16-bit record per word
+    MAP_WORD_OF_BYTES,  // a 16-bit value over two 8-bit records
+    MAP_DWORD_OF_WORDS, // a 32-bit value over two 16-bit records
+    MAP_DWORD_OF_BYTES, // a 32-bit value over four 8-bit records
+    MAP_DWORD,          // one 32-bit record per value
+    MAP_PER_BIT,        // one record per bit, keyed by the whole register name
+    MAP_BIT_IN_WORD,    // a bit of a 16-bit record
+    MAP_BIT_IN_BYTE,    // a bit of an 8-bit record
 };
 struct RegisterView {
     MappingKind kind;

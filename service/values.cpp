@@ -174,8 +174,7 @@ static void storeBitInByte(int st, const QString &area, int a, unsigned char on)
     storeByte(st, area, a / 8, on == 1 ? shown | mask : shown & ~mask, true, QString(), 0);
 }
 
-void write_saveDataToArea(int stationNo, QString regName, int start, int count,
-                          unsigned char *data)
+void write_saveDataToArea(int stationNo, QString regName, int start, int count, unsigned char *data)
 {
     const RegisterView v = registerViewOf(regName);
     const int values = qMin(isDoubleWordKind(v.kind) ? count / 2 : count, int(DATA_BYTES));
@@ -186,8 +185,8 @@ void write_saveDataToArea(int stationNo, QString regName, int start, int count,
             break;
         case MAP_WORD_OF_BYTES:
             storeByte(stationNo, v.area, addrAt(start, 2 * i), data[2 * i], true, regName, 0);
-            storeByte(stationNo, v.area, addrAt(start, 2 * i + 1), data[2 * i + 1], false,
-                      regName, addrAt(start, i));
+            storeByte(stationNo, v.area, addrAt(start, 2 * i + 1), data[2 * i + 1], false, regName,
+                      addrAt(start, i));
             break;
         case MAP_DWORD_OF_WORDS:
             storeWord(stationNo, v.area, addrAt(start, 2 * i + 1), data + 4 * i + 2);
@@ -217,8 +216,7 @@ void write_saveDataToArea(int stationNo, QString regName, int start, int count,
     }
 }
 
-int intf_setData(int stationNo, QString regName, int start, int count, unsigned char *data,
-                 int tag)
+int intf_setData(int stationNo, QString regName, int start, int count, unsigned char *data, int tag)
 {
     DriverCall call;
     const int dataBits = regDataBits(regName);
