@@ -19,6 +19,8 @@
 #include <QString>
 #include <QVector>
 
+#include <mutex>
+
 #define XBC_EXPORT extern "C" __attribute__((visibility("default")))
 
 // ---------------------------------------------------------------------------
@@ -210,8 +212,9 @@ class Protocol {
     // --- the driver's own additions ---
     // Lookup index beside dataAreas: key -> index. Emptied with the list.
     QHash<DataAreaKey, int> dataAreaIndex;
-    // Serialises the runtime's threads on the request lists and data areas.
-    QMutex stateMutex;
+    // Serialises the runtime's threads on the request lists and data areas. A
+    // standard mutex, so that thread checkers see what it orders.
+    std::mutex stateMutex;
     // Notifications gathered during one call, delivered after stateMutex is released.
     QList<PendingNote> pendingNotes;
 };

@@ -9,6 +9,7 @@
 #include <QMutexLocker>
 
 #include <atomic>
+#include <mutex>
 #include <random>
 #include <vector>
 
@@ -21,16 +22,16 @@ struct Note {
 
 // Notifications from every thread, in arrival order.
 struct NoteLog {
-    QMutex lock;
+    std::mutex lock;
     std::vector<Note> notes;
     void add(int id, int station, const QString &name, int address)
     {
-        QMutexLocker hold(&lock);
+        std::lock_guard<std::mutex> hold(lock);
         notes.push_back(Note{id, station, name, address});
     }
     bool has(const QString &name, int address, size_t from = 0)
     {
-        QMutexLocker hold(&lock);
+        std::lock_guard<std::mutex> hold(lock);
         for (size_t i = from; i < notes.size(); ++i) {
             if (notes[i].name == name && notes[i].address == address)
                 return true;
@@ -39,7 +40,7 @@ struct NoteLog {
     }
     size_t size()
     {
-        QMutexLocker hold(&lock);
+        std::lock_guard<std::mutex> hold(lock);
         return notes.size();
     }
 };
@@ -65,7 +66,7 @@ struct Rig {
     {
         xbcsim::resetFaults(faults, xbcsim::FaultConfig{});
         {
-            QMutexLocker hold(&noteLog().lock);
+            std::lock_guard<std::mutex> hold(noteLog().lock);
             noteLog().notes.clear();
         }
         intf_setAddrValueChangeCallBack([](int id, int st, const QString &name, int addr) {
