@@ -1,0 +1,489 @@
+// The runtime's side of a communication run: setup, the value-change
+// callback, writes, condition reads, recipes and the send/receive loop.
+#include "xbc_host.h"
+
+#include <QDateTime>
+#include <QEventLoop>
+#include <QMutexLocker>
+#include <QTimer>
+
+#include <cstdio>
+
+namespace xbchost {
+
+namespace {
+
+enum : char { EOT_BYTE = 0x04 };
+
+// The callback is a plain function pointer; the driver is one object per
+// process, so one host per process is all it can serve.
+Host *activeHost = nullptr;
+
+void printLine(Host &host, const QString &text)
+{
+    if (host.config.print)
+        host.config.print(text);
+    else {
+        std::fprintf(stdout, "%s\n", text.toLocal8Bit().constData());
+        std::fflush(stdout);
+    }
+}
+
+QString printableBytes(const QByteArray &bytes)
+{
+    static const char *names[] = {"NUL", "SOH", "STX", "ETX", "EOT", "ENQ", "ACK", "BEL",
+                                  "BS",  "HT",  "LF",  "VT",  "FF",  "CR",  "SO",  "SI",
+                                  "DLE", "DC1", "DC2", "DC3", "DC4", "NAK", "SYN", "ETB",
+                                  "CAN", "EM",  "SUB", "ESC", "FS",  "GS",  "RS",  "US"};
+    QString out;
+    for (char ch : bytes) {
+        const quint8 c = quint8(ch);
+        if (c < 0x20)
+            out += QLatin1Char('<') + QLatin1String(names[c]) + QLatin1Char('>');
+        else if (c < 0x7F)
+            out += QLatin1Char(char(c));
+        else
+            out += QStringLiteral("<0x%1>").arg(QString::number(c, 16).toUpper());
+    }
+    return out;
+}
+
+void traceLine(Host &host, const QString &direction, const QString &text)
+{
+    if (host.config.trace)
+        printLine(host, QStringLiteral("%1 %2 %3")
+                            .arg(QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz")),
+                                 direction, text));
+}
+
+int readShownValue(Host &host, int station, const QString &name, int address)
+{
+    unsigned char out[4] = {};
+    host.api.getData(station, name, address, 1, out);
+    return isBitRegister(host, name) ? out[0] : int(out[0] | (out[1] << 8));
+}
+
+void onValueChange(int id, int station, const QString &name, int address)
+{
+    Host *host = activeHost;
+    if (!host)
+        return;
+    if (id == -1 && station == -1 && name == QLatin1String("-1")) {
+        if (address == 0)
+            ++host->conditionsDone;
+        else
+            ++host->conditionsFailed;
+        if (host->config.printChanges)
+            printLine(*host, address == 0 ? QStringLiteral("condition read done")
+                                          : QStringLiteral("condition read failed"));
+        return;
+    }
+    if (name == QLatin1String("RWI")) {
+        host->uploadedWords.append(address);
+        return;
+    }
+    Notification note;
+    note.atMs = host->clock.isValid() ? host->clock.elapsed() : 0;
+    note.wallTime = QTime::currentTime();
+    note.id = id;
+    note.stationNo = station;
+    note.name = name;
+    note.address = address;
+    note.value = readShownValue(*host, station, name, address);
+    host->notes.append(note);
+    if (host->config.printChanges)
+        printLine(*host, formatNotification(*host, note));
+}
+
+QString checkCodeText(int code, const QString &reg, const QStringList &desc)
+{
+    switch (code) {
+    case 1:
+        return QStringLiteral("'%1' does not hold values of this kind").arg(reg);
+    case 2:
+        return QStringLiteral("out of range: '%1' runs from %2 to %3")
+            .arg(reg, desc.value(1), desc.value(2));
+    case 3:
+        return QStringLiteral("unknown register '%1'").arg(reg);
+    case 4:
+        return QStringLiteral("the address does not fit the format %1 of '%2'")
+            .arg(desc.value(0), reg);
+    default:
+        return QStringLiteral("address check failed with code %1").arg(code);
+    }
+}
+
+// Checks one address with the driver; empty text on success.
+QString checkAddress(Host &host, const QString &reg, const QString &text, int count,
+                     int &address)
+{
+    address = 0;
+    const int code = host.api.checkAddrValidity(reg, text, &address, count,
+                                                isBitRegister(host, reg) ? 0 : 1);
+    if (code == 0)
+        return QString();
+    QList<QString> desc;
+    host.api.getRegDiscription(reg, desc);
+    return checkCodeText(code, reg, desc);
+}
+
+int piecesOf(const Host &host, const QString &regName, int count)
+{
+    const int limit = isBitRegister(host, regName) ? 8 * host.props.maxPacketLen
+                                                   : host.props.maxPacketLen;
+    if (limit <= 0 || count <= limit)
+        return 1;
+    return (count + limit - 1) / limit;
+}
+
+// Reply bytes until EOT, replyLen bytes, the timeout or a lost link.
+QByteArray collectReply(Host &host, QIODevice &device, int replyLen)
+{
+    QByteArray got;
+    QElapsedTimer timer;
+    timer.start();
+    QEventLoop loop;
+    QTimer wake;
+    wake.setSingleShot(true);
+    QObject::connect(&wake, &QTimer::timeout, &loop, &QEventLoop::quit);
+    QObject::connect(&device, &QIODevice::readyRead, &loop, &QEventLoop::quit);
+    QObject::connect(&device, &QIODevice::aboutToClose, &loop, &QEventLoop::quit);
+    if (host.link.tcp && &device == host.link.tcp.get())
+        QObject::connect(host.link.tcp.get(), &QTcpSocket::disconnected, &loop, &QEventLoop::quit);
+    for (;;) {
+        got += device.readAll();
+        const int eot = got.indexOf(EOT_BYTE);
+        if (eot >= 0) {
+            got.truncate(eot + 1);
+            break;
+        }
+        if (replyLen > 0 && got.size() >= replyLen)
+            break;
+        const qint64 left = host.config.replyTimeoutMs - timer.elapsed();
+        if (left <= 0 || !device.isOpen())
+            break;
+        wake.start(int(left));
+        loop.exec();
+    }
+    return got;
+}
+
+QIODevice *deviceOf(Host &host)
+{
+    if (host.link.config.kind == LinkConfig::Tcp)
+        return host.link.tcp.get();
+    return host.link.serial.get();
+}
+
+void sendBytes(QIODevice &device, const QByteArray &bytes)
+{
+    device.readAll(); // a late or doubled reply must not pass for the next one
+    device.write(bytes);
+    if (auto *serial = qobject_cast<QSerialPort *>(&device))
+        serial->flush();
+    else if (auto *socket = qobject_cast<QTcpSocket *>(&device))
+        socket->flush();
+}
+
+void countPollCycle(Host &host)
+{
+    ++host.stats.pollReads;
+    if (++host.pollReadsInCycle < qMax(1, host.readBlocks))
+        return;
+    host.pollReadsInCycle = 0;
+    if (host.cycleTimer.isValid()) {
+        ++host.stats.pollCycles;
+        host.stats.pollCycleNsTotal += host.cycleTimer.nsecsElapsed();
+    }
+    // A scan-rate floor keeps a fast link from spinning the processor; the
+    // pause is not part of the measured cycle.
+    const qint64 busyMs = host.cycleTimer.isValid() ? host.cycleTimer.elapsed() : 0;
+    if (host.config.cycleFloorMs > busyMs)
+        serveEventsFor(int(host.config.cycleFloorMs - busyMs));
+    host.cycleTimer.start();
+}
+
+WriteRecord *writeOf(Host &host, const FRAME_PRO &f)
+{
+    auto it = host.writes.find(f.var.requestTag);
+    if (it == host.writes.end())
+        return nullptr;
+    WriteRecord &w = it.value();
+    // Recipe frames may carry a stale tag; the address tells them apart.
+    if (f.var.regName != w.regName || f.var.stationNo != w.stationNo ||
+        f.var.address < w.address || f.var.address >= w.address + w.count)
+        return nullptr;
+    return &w;
+}
+
+void account(Host &host, const FRAME_PRO &f, int rc, int notesBefore)
+{
+    const bool isWriteFrame = f.wordCount == 0 && f.frameLen > 0;
+    const bool isPollRead = f.wordCount > 0 && f.var.requestTag == POLL_TAG;
+    WriteRecord *w = writeOf(host, f);
+    switch (rc) {
+    case 1:
+        ++host.stats.goodReplies;
+        if (w && isWriteFrame)
+            ++w->acked;
+        if (isPollRead)
+            countPollCycle(host);
+        break;
+    case 2:
+        ++host.stats.abandoned;
+        if (w) {
+            ++w->failed;
+            if (w->failNoteIndex < 0)
+                w->failNoteIndex = notesBefore;
+        }
+        if (isPollRead)
+            countPollCycle(host);
+        break;
+    case 8:
+        ++host.stats.retries;
+        break;
+    default:
+        break;
+    }
+}
+
+void waitIdle(int ms) { serveEventsFor(ms); }
+
+} // namespace
+
+bool isBitRegister(const Host &host, const QString &regName)
+{
+    return host.bitRegisters.contains(regName);
+}
+
+QString parseWatch(Host &host, const QString &text, WatchItem &out)
+{
+    const QStringList parts = text.split(QLatin1Char(':'));
+    if (parts.size() < 2 || parts.size() > 3 || parts[0].isEmpty() || parts[1].isEmpty())
+        return QStringLiteral("--watch '%1': expected REG:ADDRESS[:COUNT]").arg(text);
+    WatchItem w;
+    w.regName = parts[0];
+    w.addressText = parts[1];
+    if (parts.size() == 3) {
+        bool ok = false;
+        w.count = parts[2].toInt(&ok);
+        if (!ok || w.count < 1)
+            return QStringLiteral("--watch '%1': the count must be a number of at least 1").arg(text);
+    }
+    w.isBit = isBitRegister(host, w.regName);
+    const QString error = checkAddress(host, w.regName, w.addressText, w.count, w.address);
+    if (!error.isEmpty())
+        return QStringLiteral("--watch '%1': %2").arg(text, error);
+    out = w;
+    return QString();
+}
+
+QString parseWrite(Host &host, const QString &text, WriteItem &out)
+{
+    const int eq = text.indexOf(QLatin1Char('='));
+    const QStringList where = text.left(eq).split(QLatin1Char(':'));
+    if (eq < 0 || where.size() != 2 || where[0].isEmpty() || where[1].isEmpty())
+        return QStringLiteral("--write '%1': expected REG:ADDRESS=VALUE").arg(text);
+    WriteItem w;
+    w.regName = where[0];
+    w.addressText = where[1];
+    w.isBit = isBitRegister(host, w.regName);
+    for (const QString &v : text.mid(eq + 1).split(QLatin1Char(','))) {
+        bool ok = false;
+        const int value = v.trimmed().toInt(&ok, 0);
+        const bool fits = w.isBit ? (value == 0 || value == 1) : (value >= -32768 && value <= 65535);
+        if (!ok || !fits)
+            return QStringLiteral("--write '%1': '%2' is not a %3").arg(text, v,
+                       w.isBit ? QStringLiteral("bit value (0 or 1)")
+                               : QStringLiteral("16-bit value"));
+        w.values.append(value);
+    }
+    const QString error = checkAddress(host, w.regName, w.addressText, w.values.size(), w.address);
+    if (!error.isEmpty())
+        return QStringLiteral("--write '%1': %2").arg(text, error);
+    out = w;
+    return QString();
+}
+
+void addWatch(Host &host, const WatchItem &watch)
+{
+    KEY_ADDRESS key;
+    key.stationNo = host.config.stationNo;
+    key.regName = watch.regName;
+    key.address = watch.address;
+    key.count = watch.count;
+    key.dataKind = watch.isBit ? -1 : 0;
+    host.keys.append(key);
+}
+
+void startRun(Host &host)
+{
+    activeHost = &host;
+    if (!host.clock.isValid())
+        host.clock.start();
+    host.props = parseProperties(host.config.properties);
+    if (host.bitRegisters.isEmpty()) {
+        QList<QString> names;
+        host.api.getRegListByType(0, names);
+        host.bitRegisters = names;
+    }
+    host.api.setAddrValueChangeCallBack(&onValueChange);
+    const QByteArray props = host.config.properties.toLatin1();
+    host.api.initProperty(host.statusBlock.data(), 0, host.recipeBuffer.data(), &host.runStatus,
+                          props.constData(), &host.lock);
+    host.readBlocks = host.api.addrMerge(&host.keys);
+    if (!host.recipeVars.isEmpty())
+        host.api.setRcpAddress(&host.recipeVars);
+    host.pollReadsInCycle = 0;
+    host.cycleTimer.invalidate();
+}
+
+int queueWrite(Host &host, const QString &regName, int address, int count, const QByteArray &data)
+{
+    const int tag = host.nextWriteTag++;
+    WriteRecord w;
+    w.stationNo = host.config.stationNo;
+    w.regName = regName;
+    w.address = address;
+    w.count = count;
+    w.pieces = host.props.localWriteOnly ? 0 : piecesOf(host, regName, count);
+    host.writes.insert(tag, w);
+    QByteArray bytes = data;
+    host.api.setData(host.config.stationNo, regName, address, count,
+                     reinterpret_cast<unsigned char *>(bytes.data()), tag);
+    return tag;
+}
+
+int queueWriteItem(Host &host, const WriteItem &item)
+{
+    QByteArray data;
+    for (int v : item.values) {
+        data.append(char(v & 0xFF));
+        if (!item.isBit)
+            data.append(char((v >> 8) & 0xFF));
+    }
+    return queueWrite(host, item.regName, item.address, item.values.size(), data);
+}
+
+void queueConditionRead(Host &host, const QString &regName, int address, int count)
+{
+    KEY_ADDRESS key;
+    key.stationNo = host.config.stationNo;
+    key.regName = regName;
+    key.address = address;
+    key.count = count;
+    key.dataKind = isBitRegister(host, regName) ? -1 : 0;
+    host.api.addConditionRead(key, CONDITION_TAG);
+}
+
+void requestRecipe(Host &host, bool download)
+{
+    QMutexLocker locker(&host.lock);
+    host.statusBlock[download ? STATUS_RECIPE_WRITE : STATUS_RECIPE_READ] = 1;
+}
+
+bool recipePending(Host &host, bool download)
+{
+    QMutexLocker locker(&host.lock);
+    return host.statusBlock[download ? STATUS_RECIPE_WRITE : STATUS_RECIPE_READ] != 0;
+}
+
+QVector<int> shownValues(Host &host, const QString &regName, int address, int count)
+{
+    const bool bit = isBitRegister(host, regName);
+    QByteArray out((bit ? 1 : 2) * qMax(count, 0), '\0');
+    host.api.getData(host.config.stationNo, regName, address, count,
+                     reinterpret_cast<unsigned char *>(out.data()));
+    QVector<int> values;
+    for (int i = 0; i < count; ++i)
+        values.append(bit ? quint8(out[i]) : int(quint8(out[2 * i]) | (quint8(out[2 * i + 1]) << 8)));
+    return values;
+}
+
+void serveEventsFor(int ms)
+{
+    QEventLoop loop;
+    QTimer::singleShot(qMax(0, ms), &loop, &QEventLoop::quit);
+    loop.exec();
+}
+
+Step exchangeOnce(Host &host)
+{
+    if (!ensureLink(host)) {
+        waitIdle(host.config.pollIntervalMs);
+        return Step::LinkDown;
+    }
+    FRAME_PRO &f = *host.frame;
+    if (host.api.getSendFrame(&f) != 1) {
+        waitIdle(host.config.pollIntervalMs);
+        return Step::Idle;
+    }
+    if (f.wordCount > 0 && f.var.requestTag == POLL_TAG && !host.cycleTimer.isValid())
+        host.cycleTimer.start();
+    QByteArray reply;
+    const int frameLen = qBound(0, f.frameLen, int(FRAME_BYTES));
+    if (frameLen > 0) {
+        QIODevice &device = *deviceOf(host);
+        const QByteArray bytes(reinterpret_cast<const char *>(f.frame), frameLen);
+        sendBytes(device, bytes);
+        ++host.stats.framesSent;
+        traceLine(host, QStringLiteral("->"), printableBytes(bytes));
+        reply = collectReply(host, device, f.replyLen);
+        traceLine(host, QStringLiteral("<-"),
+                  reply.isEmpty() ? QStringLiteral("(nothing)") : printableBytes(reply));
+    }
+    QString description;
+    const int notesBefore = host.notes.size();
+    const int rc = host.api.dealRcvFrame(reply, description);
+    if (host.config.trace && rc != 1)
+        traceLine(host, QStringLiteral("!!"), QStringLiteral("%1 %2")
+                                                  .arg(rc == 8 ? QStringLiteral("bad reply, retry")
+                                                               : rc == 2 ? QStringLiteral("request abandoned")
+                                                                         : QStringLiteral("nothing in flight"),
+                                                       description));
+    account(host, f, rc, notesBefore);
+    return Step::Exchanged;
+}
+
+int runFor(Host &host, int maxExchanges, int maxMs, const std::function<bool()> &done)
+{
+    QElapsedTimer timer;
+    timer.start();
+    int steps = 0;
+    while (steps < maxExchanges && timer.elapsed() < maxMs) {
+        if (done && done())
+            break;
+        exchangeOnce(host);
+        ++steps;
+    }
+    return steps;
+}
+
+QString formatNotification(const Host &host, const Notification &note)
+{
+    QString where = QString::number(note.address);
+    if (note.name.endsWith(QLatin1String("_bit")))
+        where = QStringLiteral("%1.%2").arg(note.address / 16).arg(note.address % 16);
+    const QString time = note.wallTime.toString(QStringLiteral("HH:mm:ss.zzz"));
+    const QString value = isBitRegister(host, note.name)
+                              ? QString::number(note.value)
+                              : QStringLiteral("%1 (0x%2)").arg(note.value).arg(
+                                    QStringLiteral("%1").arg(note.value, 4, 16, QLatin1Char('0')).toUpper());
+    return QStringLiteral("%1  station %2  %3 %4 = %5")
+        .arg(time).arg(note.stationNo).arg(note.name, where, value);
+}
+
+QString summaryText(const Host &host)
+{
+    const HostStats &s = host.stats;
+    const QString cycle = s.pollCycles > 0
+                              ? QStringLiteral("%1 ms over %2 cycles")
+                                    .arg(double(s.pollCycleNsTotal) / 1e6 / s.pollCycles, 0, 'f', 2)
+                                    .arg(s.pollCycles)
+                              : QStringLiteral("n/a (no complete cycle)");
+    return QStringLiteral("summary: frames sent %1, good replies %2, retries %3, "
+                          "abandoned requests %4, average poll cycle %5")
+        .arg(s.framesSent).arg(s.goodReplies).arg(s.retries).arg(s.abandoned).arg(cycle);
+}
+
+} // namespace xbchost

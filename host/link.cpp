@@ -1,0 +1,205 @@
+// TCP and serial links with reconnection after a growing pause.
+#include "xbc_host.h"
+
+#include <QEventLoop>
+#include <QTimer>
+
+#include <cstdio>
+
+namespace xbchost {
+
+namespace {
+
+void warnLine(Host &host, const QString &text)
+{
+    if (host.config.warn)
+        host.config.warn(text);
+    else
+        std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
+}
+
+QString describeTarget(const LinkConfig &c)
+{
+    return c.kind == LinkConfig::Tcp ? QStringLiteral("%1:%2").arg(c.host).arg(c.port)
+                                     : QStringLiteral("%1 (%2)").arg(c.device, c.line);
+}
+
+bool connectTcp(Host &host)
+{
+    Link &link = host.link;
+    if (!link.tcp)
+        link.tcp = std::make_unique<QTcpSocket>();
+    QTcpSocket &s = *link.tcp;
+    s.abort();
+    QEventLoop loop;
+    QTimer timer;
+    timer.setSingleShot(true);
+    QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
+    QObject::connect(&s, &QTcpSocket::connected, &loop, &QEventLoop::quit);
+    QObject::connect(&s, &QAbstractSocket::errorOccurred, &loop, &QEventLoop::quit);
+    s.connectToHost(link.config.host, link.config.port);
+    timer.start(CONNECT_TIMEOUT_MS);
+    if (s.state() != QAbstractSocket::ConnectedState && s.state() != QAbstractSocket::UnconnectedState)
+        loop.exec();
+    if (s.state() != QAbstractSocket::ConnectedState) {
+        const QString reason = s.errorString();
+        s.abort();
+        warnLine(host, QStringLiteral("link: cannot connect to %1: %2")
+                           .arg(describeTarget(link.config), reason));
+        return false;
+    }
+    s.setSocketOption(QAbstractSocket::LowDelayOption, 1);
+    return true;
+}
+
+bool openSerial(Host &host)
+{
+    Link &link = host.link;
+    SerialLine line;
+    const QString lineError = parseSerialLine(link.config.line, line);
+    if (!lineError.isEmpty()) {
+        warnLine(host, QStringLiteral("link: %1").arg(lineError));
+        return false;
+    }
+    if (!link.serial)
+        link.serial = std::make_unique<QSerialPort>();
+    QSerialPort &p = *link.serial;
+    if (p.isOpen())
+        p.close();
+    p.setPortName(link.config.device);
+    if (!p.open(QIODevice::ReadWrite)) {
+        warnLine(host, QStringLiteral("link: cannot open %1: %2")
+                           .arg(describeTarget(link.config), p.errorString()));
+        return false;
+    }
+    const bool ok = p.setBaudRate(line.baud) && p.setDataBits(line.dataBits) &&
+                    p.setParity(line.parity) && p.setStopBits(line.stopBits) &&
+                    p.setFlowControl(QSerialPort::NoFlowControl);
+    if (!ok) {
+        warnLine(host, QStringLiteral("link: cannot set %1 on %2: %3")
+                           .arg(link.config.line, link.config.device, p.errorString()));
+        p.close();
+        return false;
+    }
+    p.clear();
+    return true;
+}
+
+bool linkIsUp(Host &host)
+{
+    const Link &link = host.link;
+    if (link.config.kind == LinkConfig::Tcp)
+        return link.tcp && link.tcp->state() == QAbstractSocket::ConnectedState;
+    if (!link.serial || !link.serial->isOpen())
+        return false;
+    const QSerialPort::SerialPortError e = link.serial->error();
+    return e == QSerialPort::NoError || e == QSerialPort::TimeoutError;
+}
+
+} // namespace
+
+QString parseTcpTarget(const QString &text, LinkConfig &out)
+{
+    const int colon = text.lastIndexOf(QLatin1Char(':'));
+    QString host = colon < 0 ? text : text.left(colon);
+    quint16 port = 8000;
+    if (colon >= 0) {
+        bool ok = false;
+        const uint p = text.mid(colon + 1).toUInt(&ok);
+        if (!ok || p == 0 || p > 65535)
+            return QStringLiteral("--tcp '%1': the port must be 1 to 65535").arg(text);
+        port = quint16(p);
+    }
+    if (host.startsWith(QLatin1Char('[')) && host.endsWith(QLatin1Char(']')))
+        host = host.mid(1, host.size() - 2);
+    if (host.isEmpty())
+        return QStringLiteral("--tcp '%1': expected HOST:PORT").arg(text);
+    out.kind = LinkConfig::Tcp;
+    out.host = host;
+    out.port = port;
+    return QString();
+}
+
+QString parseSerialLine(const QString &text, SerialLine &out)
+{
+    const QStringList f = text.split(QLatin1Char(','));
+    const QString usage = QStringLiteral("line parameters '%1': expected BAUD,DATABITS,PARITY,STOPBITS "
+                                         "such as 115200,8,NONE,1").arg(text);
+    if (f.size() != 4)
+        return usage;
+    SerialLine line;
+    bool ok = false;
+    line.baud = f[0].trimmed().toInt(&ok);
+    if (!ok || line.baud <= 0)
+        return usage;
+    const int bits = f[1].trimmed().toInt(&ok);
+    if (!ok || bits < 5 || bits > 8)
+        return usage;
+    line.dataBits = QSerialPort::DataBits(bits);
+    const QString parity = f[2].trimmed().toUpper();
+    if (parity == QLatin1String("NONE"))
+        line.parity = QSerialPort::NoParity;
+    else if (parity == QLatin1String("EVEN"))
+        line.parity = QSerialPort::EvenParity;
+    else if (parity == QLatin1String("ODD"))
+        line.parity = QSerialPort::OddParity;
+    else if (parity == QLatin1String("SPACE"))
+        line.parity = QSerialPort::SpaceParity;
+    else if (parity == QLatin1String("MARK"))
+        line.parity = QSerialPort::MarkParity;
+    else
+        return usage;
+    const QString stop = f[3].trimmed();
+    if (stop == QLatin1String("1"))
+        line.stopBits = QSerialPort::OneStop;
+    else if (stop == QLatin1String("1.5"))
+        line.stopBits = QSerialPort::OneAndHalfStop;
+    else if (stop == QLatin1String("2"))
+        line.stopBits = QSerialPort::TwoStop;
+    else
+        return usage;
+    out = line;
+    return QString();
+}
+
+void closeLink(Host &host)
+{
+    if (host.link.tcp)
+        host.link.tcp->abort();
+    if (host.link.serial && host.link.serial->isOpen())
+        host.link.serial->close();
+}
+
+// Connected: true. Otherwise one attempt when the pause since the last one
+// has passed; the pause doubles after each failure up to BACKOFF_MAX_MS.
+bool ensureLink(Host &host)
+{
+    Link &link = host.link;
+    if (linkIsUp(host))
+        return true;
+    if (link.connects > 0 && link.backoffMs == 0) {
+        ++host.stats.linkDrops;
+        warnLine(host, QStringLiteral("link: %1 lost").arg(describeTarget(link.config)));
+        link.backoffMs = BACKOFF_FIRST_MS;
+        link.lastAttempt.start();
+        closeLink(host);
+        return false;
+    }
+    if (link.lastAttempt.isValid() && link.lastAttempt.elapsed() < link.backoffMs)
+        return false;
+    link.lastAttempt.start();
+    const bool up = link.config.kind == LinkConfig::Tcp ? connectTcp(host) : openSerial(host);
+    if (!up) {
+        ++link.failedAttempts;
+        link.backoffMs = qBound(int(BACKOFF_FIRST_MS), link.backoffMs * 2, int(BACKOFF_MAX_MS));
+        return false;
+    }
+    ++link.connects;
+    link.backoffMs = 0;
+    if (link.connects == 1 || link.failedAttempts > 0)
+        warnLine(host, QStringLiteral("link: connected to %1").arg(describeTarget(link.config)));
+    link.failedAttempts = 0;
+    return true;
+}
+
+} // namespace xbchost

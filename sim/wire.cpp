@@ -1,0 +1,242 @@
+// Requests in, replies out: parsing, checking and answering r, w, o and n.
+#include "xbc_sim.h"
+
+namespace xbcsim {
+
+namespace {
+
+enum { READ_LEN = 14, BIT_LEN = 16, WRITE_MIN_LEN = 14 };
+
+int hexValue(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// The checksum covers offsets 1 to before the checksum pair.
+bool checksumMatches(const QByteArray &frame)
+{
+    const int n = frame.size();
+    return frame.mid(n - 3, 2) == hexPair(byteSum(frame, 1, n - 3));
+}
+
+bool parseHex16(const QByteArray &bytes, int pos, quint16 &value)
+{
+    quint8 lo = 0, hi = 0;
+    if (!parseHexPair(bytes, pos, lo) || !parseHexPair(bytes, pos + 2, hi))
+        return false;
+    value = quint16(lo | (hi << 8));
+    return true;
+}
+
+int expectedLength(const Request &r)
+{
+    if (r.command == 'o' || r.command == 'n')
+        return BIT_LEN;
+    if (r.command == 'w')
+        return WRITE_MIN_LEN + 2 * r.byteCount;
+    return READ_LEN;
+}
+
+int checkRange(const Request &r, int words)
+{
+    if (r.byteAddress % 2 != 0)
+        return ERR_RANGE;
+    if (r.byteAddress / 2 + words > areaInfo(r.area).words)
+        return ERR_RANGE;
+    return ERR_NONE;
+}
+
+QByteArray readData(const Memory &mem, const Request &r)
+{
+    QByteArray chars;
+    const int first = r.byteAddress / 2;
+    for (int i = 0; i < r.byteCount / 2; ++i) {
+        const quint16 w = wordAt(mem, r.area, first + i);
+        chars += hexPair(quint8(w & 0xFF));
+        chars += hexPair(quint8(w >> 8));
+    }
+    return chars;
+}
+
+void writeData(Memory &mem, const Request &r)
+{
+    const int first = r.byteAddress / 2;
+    for (int i = 0; i + 1 < r.data.size(); i += 2) {
+        const quint16 w = quint16(quint8(r.data[i]) | (quint8(r.data[i + 1]) << 8));
+        setWordAt(mem, r.area, first + i / 2, w);
+    }
+}
+
+} // namespace
+
+quint8 byteSum(const QByteArray &bytes, int from, int to)
+{
+    unsigned sum = 0;
+    for (int i = qMax(from, 0); i < to && i < bytes.size(); ++i)
+        sum += quint8(bytes[i]);
+    return quint8(sum & 0xFF);
+}
+
+QByteArray hexPair(quint8 value)
+{
+    static const char digits[] = "0123456789ABCDEF";
+    QByteArray out(2, '0');
+    out[0] = digits[value >> 4];
+    out[1] = digits[value & 0x0F];
+    return out;
+}
+
+bool parseHexPair(const QByteArray &bytes, int pos, quint8 &value)
+{
+    if (pos < 0 || pos + 1 >= bytes.size())
+        return false;
+    const int hi = hexValue(bytes[pos]);
+    const int lo = hexValue(bytes[pos + 1]);
+    if (hi < 0 || lo < 0)
+        return false;
+    value = quint8(hi * 16 + lo);
+    return true;
+}
+
+QByteArray hex16(quint16 value)
+{
+    return hexPair(quint8(value & 0xFF)) + hexPair(quint8(value >> 8));
+}
+
+int parseRequest(const QByteArray &frame, Request &out)
+{
+    Request r;
+    const int n = frame.size();
+    if (n < READ_LEN || frame[0] != STX || frame[n - 1] != ETX)
+        return ERR_MALFORMED;
+    r.command = frame[1];
+    if (!checksumMatches(frame))
+        return ERR_CHECKSUM;
+    if (r.command != 'r' && r.command != 'w' && r.command != 'o' && r.command != 'n')
+        return ERR_COMMAND;
+    r.area = areaFromLetter(frame[2]);
+    if (r.area < 0)
+        return ERR_AREA;
+    quint16 address = 0;
+    if (!parseHex16(frame, 3, address) || frame.mid(7, 2) != "00")
+        return ERR_MALFORMED;
+    r.byteAddress = address;
+    int words = 1;
+    if (r.command == 'o' || r.command == 'n') {
+        if (n != BIT_LEN || !parseHex16(frame, 9, r.mask))
+            return ERR_MALFORMED;
+    } else {
+        quint8 count = 0;
+        if (!parseHexPair(frame, 9, count))
+            return ERR_MALFORMED;
+        r.byteCount = count;
+        if (count == 0 || count % 2 != 0)
+            return ERR_COUNT;
+        if (n != expectedLength(r))
+            return r.command == 'w' ? ERR_COUNT : ERR_MALFORMED;
+        for (int i = 0; r.command == 'w' && i < r.byteCount; ++i) {
+            quint8 b = 0;
+            if (!parseHexPair(frame, 11 + 2 * i, b))
+                return ERR_MALFORMED;
+            r.data.append(char(b));
+        }
+        words = count / 2;
+    }
+    const int range = checkRange(r, words);
+    if (range != ERR_NONE)
+        return range;
+    out = r;
+    return ERR_NONE;
+}
+
+QByteArray ackReply(char command, const QByteArray &dataChars)
+{
+    QByteArray reply;
+    reply.append(ACK);
+    reply.append(command);
+    reply.append(dataChars);
+    reply.append(hexPair(byteSum(reply, 1, reply.size())));
+    reply.append(EOT);
+    return reply;
+}
+
+QByteArray nakReply(char command, int errorCode)
+{
+    QByteArray reply;
+    reply.append(NAK);
+    reply.append(command >= 0x20 && command < 0x7F ? command : '?');
+    reply.append(hexPair(quint8(errorCode)));
+    reply.append(hexPair(byteSum(reply, 1, reply.size())));
+    reply.append(EOT);
+    return reply;
+}
+
+QByteArray answerFrame(Memory &mem, const QByteArray &frame)
+{
+    Request r;
+    const int error = parseRequest(frame, r);
+    if (error != ERR_NONE)
+        return nakReply(frame.size() > 1 ? frame[1] : '?', error);
+    const int word = r.byteAddress / 2;
+    switch (r.command) {
+    case 'r':
+        return ackReply('r', readData(mem, r));
+    case 'w':
+        writeData(mem, r);
+        break;
+    case 'o':
+        setWordAt(mem, r.area, word, quint16(wordAt(mem, r.area, word) | r.mask));
+        break;
+    case 'n':
+        setWordAt(mem, r.area, word, quint16(wordAt(mem, r.area, word) & r.mask));
+        break;
+    }
+    return ackReply(r.command, QByteArray());
+}
+
+QList<QByteArray> takeFrames(FrameSplitter &splitter, const QByteArray &incoming)
+{
+    QList<QByteArray> frames;
+    for (char c : incoming) {
+        if (c == STX) {
+            splitter.pending = QByteArray(1, STX); // a new start drops a torn frame
+            continue;
+        }
+        if (splitter.pending.isEmpty())
+            continue; // noise between frames
+        splitter.pending.append(c);
+        if (c == ETX) {
+            frames.append(splitter.pending);
+            splitter.pending.clear();
+        } else if (splitter.pending.size() >= MAX_REQUEST_BYTES) {
+            frames.append(QByteArray());
+            splitter.pending.clear();
+        }
+    }
+    return frames;
+}
+
+QString printable(const QByteArray &bytes)
+{
+    static const char *names[] = {"NUL", "SOH", "STX", "ETX", "EOT", "ENQ", "ACK", "BEL",
+                                  "BS",  "HT",  "LF",  "VT",  "FF",  "CR",  "SO",  "SI",
+                                  "DLE", "DC1", "DC2", "DC3", "DC4", "NAK", "SYN", "ETB",
+                                  "CAN", "EM",  "SUB", "ESC", "FS",  "GS",  "RS",  "US"};
+    QString out;
+    for (char ch : bytes) {
+        const quint8 c = quint8(ch);
+        if (c < 0x20)
+            out += QLatin1Char('<') + QLatin1String(names[c]) + QLatin1Char('>');
+        else if (c < 0x7F)
+            out += QLatin1Char(char(c));
+        else
+            out += QStringLiteral("<0x%1>").arg(QString::number(c, 16).toUpper());
+    }
+    return out;
+}
+
+} // namespace xbcsim

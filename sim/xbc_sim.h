@@ -1,0 +1,226 @@
+// PLC simulator: the memory of every area, the answers to r, w, o and n
+// requests, fault injection, live changes for demos, and the servers that
+// carry it over TCP on loopback and over a pseudo-terminal.
+//
+// Error replies start with NAK so that a master sees them as bad replies:
+//   NAK, command character ('?' when the request has none), error code as one
+//   hex pair, checksum pair over the bytes from offset 1 to before the checksum,
+//   EOT.
+#ifndef XBC_SIM_H
+#define XBC_SIM_H
+
+#include <QByteArray>
+#include <QList>
+#include <QMutex>
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+#include <functional>
+#include <random>
+
+class QObject;
+class QSocketNotifier;
+class QTcpServer;
+class QTcpSocket;
+class QTimer;
+
+namespace xbcsim {
+
+// ---------------------------------------------------------------------------
+// Memory areas.
+
+enum Area { AREA_P, AREA_M, AREA_L, AREA_K, AREA_F, AREA_D, AREA_S, AREA_T,
+            AREA_C, AREA_N, AREA_Z, AREA_TX, AREA_CX, AREA_COUNT };
+
+struct AreaInfo {
+    const char *name; // "D", "TX"
+    char letter;      // memory-area letter of the requests
+    int words;        // size in 16-bit words
+};
+
+const AreaInfo &areaInfo(int area);
+// -1 when the letter names no area.
+int areaFromLetter(char letter);
+// Area of a register name: "D_W", "M_bit", "TX", or the bare area name "D".
+int areaFromRegister(const QString &regName);
+
+// Every area as 16-bit words. TX and CX are bit areas stored as words:
+// contact b lives in word b / 16, bit b % 16.
+struct Memory {
+    QVector<quint16> areas[AREA_COUNT];
+};
+
+Memory makeMemory();
+bool inRange(const Memory &mem, int area, int word, int words);
+quint16 wordAt(const Memory &mem, int area, int word);
+void setWordAt(Memory &mem, int area, int word, quint16 value);
+bool bitAt(const Memory &mem, int area, int bitAddress);
+void setBitAt(Memory &mem, int area, int bitAddress, bool on);
+
+// A location in register notation: "D_W:100", "M_bit:35.3", "TX:7".
+struct Location {
+    int area = -1;
+    bool isBit = false; // bit address in bitAddress, else word in word
+    int word = 0;
+    int bitAddress = 0;
+};
+// Empty error text on success.
+QString parseLocation(const QString &text, Location &out);
+
+// ---------------------------------------------------------------------------
+// Wire encoding.
+
+enum : char { STX = 0x02, ETX = 0x03, EOT = 0x04, ACK = 0x06, NAK = 0x15 };
+
+enum ErrorCode {
+    ERR_NONE = 0,
+    ERR_MALFORMED = 0x01,    // framing, length or non-hex characters
+    ERR_CHECKSUM = 0x02,
+    ERR_COMMAND = 0x03,      // command letter not r, w, o, n
+    ERR_AREA = 0x04,         // unknown memory-area letter
+    ERR_RANGE = 0x05,        // outside the area
+    ERR_COUNT = 0x06,        // byte count odd, zero, or not matching the data
+};
+
+// Low 8 bits of the sum of bytes [from, to).
+quint8 byteSum(const QByteArray &bytes, int from, int to);
+QByteArray hexPair(quint8 value);
+// Two upper-case hex characters to a byte; false for any other character.
+bool parseHexPair(const QByteArray &bytes, int pos, quint8 &value);
+// 16-bit quantity as two hex pairs, low byte first.
+QByteArray hex16(quint16 value);
+
+struct Request {
+    char command = 0;
+    int area = -1;
+    int byteAddress = 0;
+    int byteCount = 0;      // r, w
+    QByteArray data;        // w: raw bytes, low byte of each word first
+    quint16 mask = 0;       // o, n
+};
+
+// Parses one whole request, STX to ETX. Returns ERR_NONE or an error code.
+int parseRequest(const QByteArray &frame, Request &out);
+
+QByteArray ackReply(char command, const QByteArray &dataChars);
+QByteArray nakReply(char command, int errorCode);
+
+// Applies one request to the memory and returns the reply bytes.
+QByteArray answerFrame(Memory &mem, const QByteArray &frame);
+
+// Cuts a byte stream into requests. Bytes before STX are dropped; a frame
+// longer than the largest request is dropped and reported as malformed.
+struct FrameSplitter {
+    QByteArray pending;
+};
+enum { MAX_REQUEST_BYTES = 2048 };
+// Appends incoming bytes and returns the complete frames found, in order. An
+// overlong frame comes out as an empty entry (answer it with a NAK).
+QList<QByteArray> takeFrames(FrameSplitter &splitter, const QByteArray &incoming);
+
+// Printable form of a frame: control bytes as <STX>, <ACK>, <0x1F>.
+QString printable(const QByteArray &bytes);
+
+// ---------------------------------------------------------------------------
+// Fault injection on replies, repeatable from the seed.
+
+struct FaultConfig {
+    int dropPercent = 0;     // reply not sent
+    int corruptPercent = 0;  // one character changed
+    int truncatePercent = 0; // reply cut before its end
+    int doublePercent = 0;   // reply sent twice
+    int delayMs = 0;         // every reply held back this long
+    quint32 seed = 1;
+};
+
+struct FaultCounters {
+    int dropped = 0;
+    int corrupted = 0;
+    int truncated = 0;
+    int doubled = 0;
+};
+
+struct FaultState {
+    FaultConfig config;
+    std::mt19937 rng;
+    FaultCounters counters;
+};
+
+void resetFaults(FaultState &state, const FaultConfig &config);
+// What actually goes on the line for one reply: nothing, one or two chunks.
+QList<QByteArray> applyFaults(FaultState &state, const QByteArray &reply);
+// "drop=10,corrupt=5,delay=20,seed=7": empty error text on success.
+QString parseFaultSpec(const QString &text, FaultConfig &out);
+
+// ---------------------------------------------------------------------------
+// Live changes for demos: counter words count up, blinking bits toggle.
+
+struct LiveConfig {
+    QList<Location> counters;
+    QList<Location> blinks;
+    int periodMs = 500;
+};
+
+void stepLive(Memory &mem, const LiveConfig &live);
+
+// ---------------------------------------------------------------------------
+// The running simulator: memory behind a lock, TCP server on loopback and an
+// optional pseudo-terminal, both served from the thread that started them.
+
+struct SimStats {
+    int requests = 0;
+    int naks = 0;
+};
+
+struct Simulator {
+    QMutex lock; // memory, faults and stats: tests read them from other threads
+    Memory memory = makeMemory();
+    FaultState faults;
+    LiveConfig live;
+    SimStats stats;
+    bool trace = false;
+    std::function<void(const QString &)> traceSink; // default: stderr
+
+    QObject *owner = nullptr; // parent of every Qt object below
+    QTcpServer *server = nullptr;
+    QList<QTcpSocket *> clients;
+    QTimer *liveTimer = nullptr;
+    int ptyMaster = -1;
+    int ptySlave = -1;
+    QString ptyPath;
+    QSocketNotifier *ptyNotifier = nullptr;
+    FrameSplitter ptySplitter;
+
+    Simulator();
+    ~Simulator();
+    Simulator(const Simulator &) = delete;
+    Simulator &operator=(const Simulator &) = delete;
+};
+
+// Listens on 127.0.0.1; port 0 picks a free port. Returns the port, or -1
+// with the reason in error.
+int startTcp(Simulator &sim, quint16 port, QString *error);
+// Opens a pseudo-terminal in raw mode and serves its master side. Returns the
+// slave path, or an empty string with the reason in error.
+QString startPty(Simulator &sim, QString *error);
+void startLive(Simulator &sim);
+void stopSimulator(Simulator &sim);
+
+// Thread-safe access for tests and tools.
+quint16 readWord(Simulator &sim, int area, int word);
+void writeWord(Simulator &sim, int area, int word, quint16 value);
+bool readBit(Simulator &sim, int area, int bitAddress);
+void writeBit(Simulator &sim, int area, int bitAddress, bool on);
+void setFaults(Simulator &sim, const FaultConfig &config);
+SimStats statsOf(Simulator &sim);
+FaultCounters faultCountersOf(Simulator &sim);
+
+// Handles bytes received on one connection and returns the reply chunks to
+// send, faults applied. Shared by the TCP and pty paths and usable directly.
+QList<QByteArray> handleIncoming(Simulator &sim, FrameSplitter &splitter,
+                                 const QByteArray &incoming);
+
+} // namespace xbcsim
+
+#endif
