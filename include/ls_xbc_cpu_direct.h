@@ -2,13 +2,34 @@
 // strings, the records that cross the boundary with the runtime, the driver
 // state object and the exported functions.
 //
-// Rules this driver applies to input the runtime may hand it (all of them give a
-// defined result and never write past a buffer):
-// - Writes (intf_setData) of more than 512 words or 1024 bits do not fit the
-//   1024-byte data of a request: they are refused as a whole, nothing is queued
-//   or shown, and the result stays 1. A count below 1 queues nothing either.
-// - Reads and writes never build a frame longer than the 1024 bytes of `frame`;
-//   a request of a register without a memory-area letter builds no frame.
+// Rules this driver applies to input the runtime may hand it. Every case gives
+// a defined result and never writes past a buffer; a write that does not reach
+// the PLC is reported through the notifications of the watched values it shows:
+// - intf_setData of more than 512 words or 1024 bits does not fit the 1024-byte
+//   data of a request: it is refused as a whole (nothing queued or shown, result
+//   1). A count below 1 shows nothing; its request is queued as given but builds
+//   no frame, and the send schedule drops it.
+// - A request no frame can carry (a register without a memory-area letter, a
+//   count below 1) leaves its queue when its turn comes; a write among them is
+//   settled as failed, so the screens fall back to the PLC's value.
+// - No frame is longer than the 1024 bytes of `frame` or than its one-pair byte
+//   count can describe: reads and word writes of more than 127 words go out as
+//   several frames of at most 127 words, each settled by its own reply. One read
+//   request is read for at most 32768 words.
+// - Several TX or CX contacts written at once go out as single-bit frames, one
+//   per contact in address order, each settling its own contact.
+// - maxPacketLen of 0 or below: write and condition-read keys are not cut
+//   (the frame limit above still holds); merging joins only what the merge rule
+//   and a span of at most maxPacketLen allow, so most keys stay blocks of their
+//   own. An empty or short property string (fewer than five numbers) leaves the
+//   five numbers as they were (0 after load).
+// - Unknown register names use the fallback row: values live in one record per
+//   address keyed by the whole name and are never sent.
+// - Monitor flags, reads and writes map at most 262144 values per call.
+// - Value-change notifications of one call are delivered after the driver has
+//   released its own lock, in order, before the call returns; the callback may
+//   call back into the driver. Do not call into the driver while holding the
+//   lock passed to intf_initProperty.
 #ifndef LS_XBC_CPU_DIRECT_H
 #define LS_XBC_CPU_DIRECT_H
 
