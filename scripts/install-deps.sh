@@ -1,0 +1,35 @@
+#!/usr/bin/env bash
+# Installs the Debian packages this project needs, only those that are missing.
+# Safe to run again: with everything present it does nothing (and needs no root).
+set -euo pipefail
+
+# Build, test and tool packages. clang and llvm are for fuzzing.
+PACKAGES="cmake g++ make pkg-config binutils qtbase5-dev libqt5serialport5-dev \
+libgtest-dev libgmock-dev libbenchmark-dev clang llvm"
+
+missing=()
+for pkg in $PACKAGES; do
+    status=$(dpkg-query -W -f='${Status}' "$pkg" 2>/dev/null || true)
+    if [ "$status" != "install ok installed" ]; then
+        missing+=("$pkg")
+    fi
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+    exit 0
+fi
+
+echo "install-deps: installing ${missing[*]}" >&2
+if [ "$(id -u)" -eq 0 ]; then
+    SUDO=()
+elif command -v sudo >/dev/null 2>&1; then
+    SUDO=(sudo)
+else
+    echo "install-deps: missing packages (${missing[*]}) and not root; install them as root" >&2
+    exit 1
+fi
+
+export DEBIAN_FRONTEND=noninteractive
+"${SUDO[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -q
+"${SUDO[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
+    "${missing[@]}"
