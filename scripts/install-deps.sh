@@ -5,7 +5,7 @@ set -euo pipefail
 
 # Build, test and tool packages. clang and llvm are for fuzzing.
 PACKAGES="cmake g++ make pkg-config binutils qtbase5-dev libqt5serialport5-dev \
-libgtest-dev libgmock-dev libbenchmark-dev clang llvm"
+libgtest-dev libgmock-dev libbenchmark-dev clang llvm libclang-rt-14-dev"
 
 missing=()
 for pkg in $PACKAGES; do
