@@ -1,9 +1,9 @@
 #!/usr/bin/env bash
-# Builds the project and runs every test: the normal build, the same tests with
-# AddressSanitizer and UndefinedBehaviorSanitizer, the thread stress test under
-# ThreadSanitizer, and a short run of each fuzzer. Usable from any directory.
-# BUILD_DIR overrides the normal build directory (default: build); the others
-# sit beside it with the suffixes -asan, -tsan and -fuzz.
+# Builds the project and runs every test: the library, the tools and all tests
+# built with AddressSanitizer and UndefinedBehaviorSanitizer, the thread stress
+# test under ThreadSanitizer, and a short run of each fuzzer. Usable from any
+# directory. BUILD_DIR overrides the test build directory (default:
+# build-test); the others sit beside it with the suffixes -tsan and -fuzz.
 # FUZZ_SECONDS sets the length of each fuzzer's run (default 30).
 set -euo pipefail
 
@@ -12,21 +12,16 @@ cd "$ROOT"
 
 bash scripts/install-deps.sh
 
-BUILD_DIR="${BUILD_DIR:-build}"
+BUILD_DIR="${BUILD_DIR:-build-test}"
 JOBS="$(nproc)"
 step() { echo; echo "=== $*"; }
 
-step "normal build and tests"
-cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DXBC_BUILD_TESTS=ON > /dev/null
+step "build with AddressSanitizer and UndefinedBehaviorSanitizer, and every test"
+cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DXBC_BUILD_TESTS=ON \
+    -DXBC_SANITIZE=address,undefined > /dev/null
 cmake --build "$BUILD_DIR" -j"$JOBS"
-ctest --test-dir "$BUILD_DIR" --output-on-failure --timeout 300
-
-step "AddressSanitizer and UndefinedBehaviorSanitizer build and tests"
-cmake -S . -B "$BUILD_DIR-asan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DXBC_BUILD_TESTS=ON \
-    -DXBC_SANITIZE=address,undefined -DXBC_BUILD_BENCH=OFF > /dev/null
-cmake --build "$BUILD_DIR-asan" -j"$JOBS"
 ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
-    ctest --test-dir "$BUILD_DIR-asan" --output-on-failure --timeout 300
+    ctest --test-dir "$BUILD_DIR" --output-on-failure --timeout 300
 
 step "ThreadSanitizer: screen and communication threads"
 cmake -S . -B "$BUILD_DIR-tsan" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DXBC_BUILD_TESTS=ON \
