@@ -41,6 +41,7 @@
 #include <QVector>
 
 #include <mutex>
+#include <vector>
 
 #define XBC_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -237,7 +238,7 @@ class Protocol {
     // standard mutex, so that thread checkers see what it orders.
     std::mutex stateMutex;
     // Notifications gathered during one call, delivered after stateMutex is released.
-    QList<PendingNote> pendingNotes;
+    std::vector<PendingNote> pendingNotes;
 };
 
 XBC_EXPORT Protocol driver;

@@ -15,14 +15,14 @@ static void notifyUnitChange(int unitBits, const quint32 *oldValue, const quint3
     const _DATA_ &r = driver.dataAreas.at(index);
     const QString &area = r.name;
     if (!skipBits && r.bitMonitor != 0) {
+        const QString bitName = area + QLatin1String("_bit");
         for (int b = 0; b < unitBits; ++b) {
             if (!(r.bitMonitor & (1u << b)))
                 continue;
             const bool changed = oldValue == nullptr || newValue == nullptr ||
                                  ((*oldValue ^ *newValue) & (1u << b)) != 0;
             if (changed)
-                notifyRecord(r, area + QLatin1String("_bit"),
-                             int(quint32(r.address) * quint32(unitBits) + quint32(b)));
+                notifyRecord(r, bitName, int(quint32(r.address) * quint32(unitBits) + quint32(b)));
         }
     }
     if (r.valueMonitor & 1u) {

@@ -14,10 +14,10 @@ Protocol::~Protocol() = default;
 
 void notifyHost(int id, int stationNo, const QString &name, int address)
 {
-    driver.pendingNotes.append(PendingNote{id, stationNo, name, address});
+    driver.pendingNotes.push_back(PendingNote{id, stationNo, name, address});
 }
 
-static void deliver(const QList<PendingNote> &notes, AddrValueChangeCallBack callBack)
+static void deliver(const std::vector<PendingNote> &notes, AddrValueChangeCallBack callBack)
 {
     // Without a callback there is nobody to tell; the values stay readable.
     if (callBack == nullptr)
@@ -28,7 +28,7 @@ static void deliver(const QList<PendingNote> &notes, AddrValueChangeCallBack cal
 
 void deliverPendingNotes()
 {
-    QList<PendingNote> notes;
+    std::vector<PendingNote> notes;
     notes.swap(driver.pendingNotes);
     deliver(notes, driver.addrValueChangeCallBack);
 }
@@ -42,7 +42,7 @@ DriverCall::DriverCall()
 // runs only after the lock is released.
 DriverCall::~DriverCall()
 {
-    QList<PendingNote> notes;
+    std::vector<PendingNote> notes;
     notes.swap(driver.pendingNotes);
     const AddrValueChangeCallBack callBack = driver.addrValueChangeCallBack;
     driver.stateMutex.unlock();

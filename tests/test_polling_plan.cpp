@@ -1,0 +1,304 @@
+// Polling plan: the merge rule, read blocks, monitor flags, write grouping,
+// recipe blocks and condition reads.
+#include "test_support.h"
+
+using namespace xbc_test;
+
+namespace {
+
+using PlanTest = DriverTest;
+
+TEST_F(PlanTest, JudgeAddrMergeRules)
+{
+    struct Case {
+        const char *blockAndNext; // two runs
+        int maxLen, noGap, withGap;
+    } cases[] = {
+        // clang-format off
+        {"D_W 100 5, D_W 105 1", 64, 0, 0},   // touching
+        {"D_W 100 5, D_W 106 1", 64, 1, 0},   // gap of one
+        {"D_W 100 5, D_W 103 9", 64, 0, 0},   // overlap
+        {"D_W 100 5, D_W 98 1", 64, 0, 0},    // before the start
+        {"D_W 100 5, D_W 169 1", 64, 1, 0},   // gap of exactly maxPacketLen
+        {"D_W 100 5, D_W 170 1", 64, 1, 1},
+        {"D_W 100 5, D_W 106 1", 0, 1, 1},
+        {"D_W 100 5, D_W 105 1", 0, 0, 0},
+        {"D_W 100 5, D_W 105 1", -1, 0, 1},   // a negative allowance separates touching keys
+        {"D_W 100 5, 2:D_W 100 1", 64, 1, 1},
+        {"D_W 100 5, M_W 100 1", 64, 1, 1},
+        {"M_W 0 5, M_bit 0 1", 64, 1, 1},
+        {"TX 5 1, TX 6 1", 64, 1, 1},         // contacts join only as repeats
+        {"TX 5 1, TX 5 1", 64, 0, 0},
+        {"CX 5 1, CX 6 1", 64, 1, 1},
+        {"CX 5 1, CX 5 3", 64, 0, 0},
+        {"T_W 5 1, T_W 6 1", 64, 0, 0},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.blockAndNext << " max " << c.maxLen);
+        driver.maxPacketLen = c.maxLen;
+        const QList<KEY_ADDRESS> k = runs(c.blockAndNext);
+        EXPECT_EQ(judgeAddrMerge(k[0], k[1], 0), c.noGap);
+        EXPECT_EQ(judgeAddrMerge(k[0], k[1], 1), c.withGap);
+    }
+}
+
+TEST_F(PlanTest, AddrMergeBuildsReadBlocks)
+{
+    struct Case {
+        int maxLen;
+        const char *keys, *blocks;
+    } cases[] = {
+        // clang-format off
+        {64, "D_W 100 2, D_W 102 3, D_W 110 1", "D_W 100 11"},  // gap bridged
+        {8, "D_W 100 2, D_W 102 3, D_W 110 1", "D_W 100 5, D_W 110 1"},
+        {64, "M_bit 35 20, M_W 1 1", "M_W 1 3"},                 // bits folded into words
+        {64, "M_bit 15 2", "M_W 0 2"},
+        {64, "D_W 100 10, D_W 102 2", "D_W 100 10"},
+        {64, "TX 5 1, TX 6 1, TX 5 1", "TX 5 1, TX 6 1"},
+        {64, "2:D_W 0 1, D_W 0 1", "D_W 0 1, 2:D_W 0 1"},
+        {64, "D_W 0 100", "D_W 0 100"},                           // never cut
+        {64, "D_W 0 60, D_W 60 10", "D_W 0 60, D_W 60 10"},
+        {8, "D_W 100 1, M_W 50 1, D_W 5 1, M_W 0 1", "M_W 0 1, M_W 50 1, D_W 5 1, D_W 100 1"},
+        {64, "CX 3 1, TX 3 1, D_W 0 1, M_bit 0 16", "M_W 0 1, D_W 0 1, TX 3 1, CX 3 1"},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.keys << " max " << c.maxLen);
+        driver.maxPacketLen = c.maxLen;
+        QList<KEY_ADDRESS> keys = runs(c.keys);
+        const int n = intf_addrMerge(&keys);
+        EXPECT_EQ(n, driver.readList.size());
+        EXPECT_EQ(runsOf(driver.readList), c.blocks);
+        EXPECT_EQ(runsOf(keys), c.keys); // the runtime's list is only read
+        for (const VARIABLE &v : driver.readList)
+            EXPECT_EQ(v.requestTag, 4);
+    }
+}
+
+TEST_F(PlanTest, MonitorFlagsForBothViewsOfOneRecord)
+{
+    watch("M_W 10 1, M_bit 165 1, TX 7 3, D_W 0 0");
+    ASSERT_EQ(driver.dataAreas.size(), 4); // one shared M record, three TX records
+    const _DATA_ *m = findArea(1, "M", 10);
+    ASSERT_NE(m, nullptr);
+    EXPECT_EQ(m->valueMonitor, 1u);
+    EXPECT_EQ(m->bitMonitor, 1u << 5);
+    for (int a = 7; a <= 9; ++a)
+        EXPECT_EQ(findArea(1, "TX", a)->valueMonitor, 1u) << a;
+    EXPECT_EQ(findArea(1, "D", 0), nullptr);
+    ASSERT_EQ(driver.dataAreaIndex.size(), driver.dataAreas.size());
+    for (int i = 0; i < driver.dataAreas.size(); ++i) {
+        const _DATA_ &d = driver.dataAreas[i];
+        EXPECT_EQ(driver.dataAreaIndex.value({d.stationNo, d.name, d.address}, -1), i);
+    }
+
+    // A new list clears the flags of records no longer watched, keeps values.
+    const int mi = getIndexOfDataArea(1, "M", 10, driver.dataAreas);
+    driver.dataAreas[mi].value[0] = 0x5A;
+    driver.dataAreas[mi].pendingBitWrites = 4;
+    watch("TX 8 1");
+    const _DATA_ &r = driver.dataAreas[mi];
+    EXPECT_EQ(r.valueMonitor | r.bitMonitor | r.pendingBitWrites, 0u);
+    EXPECT_EQ(r.value[0], 0x5A);
+    EXPECT_EQ(findArea(1, "TX", 7)->valueMonitor, 0u);
+    EXPECT_EQ(findArea(1, "TX", 8)->valueMonitor, 1u);
+
+    // An empty list stops polling and clears every flag.
+    QList<KEY_ADDRESS> none;
+    EXPECT_EQ(intf_addrMerge(&none), 0);
+    EXPECT_TRUE(driver.readList.isEmpty());
+    for (const _DATA_ &d : driver.dataAreas)
+        EXPECT_EQ(d.valueMonitor | d.bitMonitor | d.pendingBitWrites, 0u);
+}
+
+TEST_F(PlanTest, DataAreaLookupAndBitHelper)
+{
+    const int expected[] = {0, 1, 0, 2};
+    const int stations[] = {1, 2, 1, 1};
+    const char *names[] = {"D", "D", "D", "M"};
+    for (int i = 0; i < 4; ++i)
+        EXPECT_EQ(getIndexOfDataArea(stations[i], names[i], 5, driver.dataAreas), expected[i]);
+    EXPECT_EQ(driver.dataAreaIndex.size(), 3);
+    reset("3#0#0#3#64");
+    EXPECT_TRUE(driver.dataAreas.isEmpty());
+    EXPECT_TRUE(driver.dataAreaIndex.isEmpty());
+    EXPECT_EQ(getIndexOfDataArea(1, "M", 5, driver.dataAreas), 0);
+
+    EXPECT_EQ(_setBitValue(5, 1, 1), 7);
+    EXPECT_EQ(_setBitValue(7, 0, 0), 6);
+    EXPECT_EQ(_setBitValue(7, 32, 1), 7);
+    EXPECT_EQ(_setBitValue(7, -1, 0), 7);
+    EXPECT_EQ(_setBitValue(0, 31, 1), int(0x80000000u));
+}
+
+TEST_F(PlanTest, GroupingKeyCutsPiecesWithTheirData)
+{
+    struct Case {
+        const char *key;
+        int dataKind, maxLen;
+        const char *pieces;
+    } cases[] = {
+        {"D_W 100 150", 0, 64, "D_W 100 64, D_W 164 64, D_W 228 22"},
+        {"D_W 100 128", 0, 64, "D_W 100 64, D_W 164 64"},
+        {"D_W 100 64", 0, 64, "D_W 100 64"},
+        {"M_bit 3 600", -1, 512, "M_bit 3 512, M_bit 515 88"},
+    };
+    for (const Case &c : cases) {
+        KEY_ADDRESS k = runs(c.key, c.dataKind)[0];
+        for (int i = 0; i < DATA_BYTES; ++i)
+            k.data[i] = static_cast<unsigned char>(i * 7 + 1);
+        const int unitBytes = c.dataKind == -1 ? 1 : 2;
+        for (int withData : {1, 0}) {
+            SCOPED_TRACE(testing::Message() << c.key << " withData " << withData);
+            QList<KEY_ADDRESS> pieces = runs("Z_W 0 1"); // earlier entries stay in front
+            groupingKey(k, c.maxLen, pieces, withData);
+            EXPECT_EQ(runsOf(pieces), std::string("Z_W 0 1, ") + c.pieces);
+            int offset = 0;
+            for (int i = 1; i < pieces.size(); ++i) {
+                const KEY_ADDRESS &p = pieces[i];
+                EXPECT_EQ(p.dataKind, c.dataKind);
+                const int from = withData ? offset : 0;
+                const int n = withData ? p.count * unitBytes : DATA_BYTES;
+                EXPECT_EQ(memcmp(p.data, k.data + from, size_t(n)), 0) << "piece " << i;
+                offset += p.count * unitBytes;
+            }
+        }
+    }
+}
+
+TEST_F(PlanTest, SetRcpAddressBuildsBlocks)
+{
+    struct Case {
+        const char *vars; // station field carries the driver id
+        int accepted;
+        const char *sorted, *blocks;
+        std::vector<int> blockBuffers, starts;
+    } cases[] = {
+        // clang-format off
+        {"3:D_W 20 1, 3:D_W 10 2, 3:D_W 12 1, 4:D_W 11 1", 3,
+         "D_W 10 2, D_W 12 1, D_W 20 1", "D_W 10 3, D_W 20 1", {1, 0}, {0, 2}},
+        {"3:D_W 0 40, 3:D_W 40 40", 2, "D_W 0 40, D_W 40 40", "D_W 0 40, D_W 40 40", {0, 1}, {0, 1}},
+        {"3:D_W 0 4, 3:D_W 5 1", 2, "D_W 0 4, D_W 5 1", "D_W 0 4, D_W 5 1", {0, 1}, {0, 1}},
+        {"3:M_bit 3 5, 3:M_bit 8 2", 2, "M_bit 3 5, M_bit 8 2", "M_bit 3 7", {0}, {0}},
+        {"3:TX 6 1, 3:TX 5 1", 2, "TX 5 1, TX 6 1", "TX 5 1, TX 6 1", {1, 0}, {0, 1}},
+        {"4:D_W 0 1", 0, "", "", {}, {}},
+        // clang-format on
+    };
+    auto toVars = [](const char *text) {
+        QVector<_RCP_VAR_PRO> out;
+        int buffer = 0;
+        for (const KEY_ADDRESS &k : runs(text)) {
+            _RCP_VAR_PRO r;
+            r.driverId = k.stationNo;
+            r.stationNo = 1;
+            r.regName = k.regName;
+            r.address = k.address;
+            r.count = k.count;
+            r.bufferIndex = buffer++;
+            r.spareValue = 77;
+            out.append(r);
+        }
+        return out;
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.vars);
+        QVector<_RCP_VAR_PRO> before = toVars("3:D_W 500 1"); // must not survive
+        intf_setRcpAddress(&before);
+        QVector<_RCP_VAR_PRO> vars = toVars(c.vars);
+        EXPECT_EQ(intf_setRcpAddress(&vars), c.accepted);
+        EXPECT_EQ(runsOf(driver.rcpVarList), c.sorted);
+        EXPECT_EQ(runsOf(driver.rcpBlockList), c.blocks);
+        std::vector<int> buffers;
+        for (const _RCP_VAR_PRO &b : driver.rcpBlockList) {
+            buffers.push_back(b.bufferIndex);
+            EXPECT_EQ(b.driverId | b.spareValue, 0);
+        }
+        EXPECT_EQ(buffers, c.blockBuffers);
+        EXPECT_EQ(std::vector<int>(driver.blockStartList.begin(), driver.blockStartList.end()),
+                  c.starts);
+    }
+}
+
+TEST_F(PlanTest, RcpAddrToVarCopiesTheBlockValues)
+{
+    for (int i = 0; i < 64; ++i)
+        recipe[size_t(i)] = static_cast<unsigned char>(0x40 + i);
+    struct Case {
+        const char *block;
+        int buffer, withData, fromByte, bytes;
+    } cases[] = {
+        {"D_W 10 3", 1, 1, 2, 6}, {"D_W 10 3", 1, 0, 0, 0}, {"M_bit 3 2", 4, 1, 8, 4},
+        {"TX 5 4", 0, 1, 0, 0},   {"Q_W 5 4", 0, 1, 0, 0}, // no bytes for contacts or unknown names
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.block << " withData " << c.withData);
+        const KEY_ADDRESS k = runs(c.block)[0];
+        _RCP_VAR_PRO b;
+        b.stationNo = 2;
+        b.regName = k.regName;
+        b.address = k.address;
+        b.count = k.count;
+        b.bufferIndex = c.buffer;
+        VARIABLE v;
+        v.requestTag = 99;
+        memset(v.data, 0xEE, sizeof v.data);
+        rcpAddrToVar(b, v, c.withData);
+        EXPECT_EQ(v.requestTag, 99);
+        EXPECT_EQ(runsOf(QList<VARIABLE>{v}), "2:" + std::string(c.block));
+        std::vector<unsigned char> expect(DATA_BYTES, 0);
+        std::copy_n(recipe.begin() + c.fromByte, c.bytes, expect.begin());
+        EXPECT_EQ(std::vector<unsigned char>(v.data, v.data + DATA_BYTES), expect);
+    }
+}
+
+TEST_F(PlanTest, ConditionReadPieces)
+{
+    struct Case {
+        const char *key;
+        int dataKind;
+        const char *queued;
+    } cases[] = {
+        {"D_W 100 10", 0, "D_W 100 10"},
+        {"D_W 0 150", 0, "D_W 0 64, D_W 64 64, D_W 128 22"},
+        {"D_W 0 64", 0, "D_W 0 64"},
+        {"TX 10 2", -1, "TX 10 32"},
+        {"M_bit 35 20", -1, "M_W 2 2"}, // bits are read as the words holding them
+        {"M_bit 3 600", -1, "M_W 0 33, M_W 32 6"},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.key);
+        driver.conditionReadList.clear();
+        EXPECT_EQ(intf_addConditionRead(runs(c.key, c.dataKind)[0], 7), 1);
+        EXPECT_EQ(runsOf(driver.conditionReadList), c.queued);
+        for (const VARIABLE &v : driver.conditionReadList)
+            EXPECT_EQ(v.requestTag, 7);
+        ASSERT_FALSE(driver.conditionReadList.isEmpty());
+        EXPECT_TRUE(sameRequest(driver.lastConditionRead, driver.conditionReadList.last()));
+    }
+}
+
+TEST_F(PlanTest, ConditionReadDuplicatesAndBound)
+{
+    // The head may be in flight: an equal request is appended behind it...
+    intf_addConditionRead(key(1, "D_W", 100, 10), 7);
+    intf_addConditionRead(key(1, "D_W", 100, 10), 8);
+    ASSERT_EQ(driver.conditionReadList.size(), 2);
+    // ...but one at index 1 or later is overwritten, the newest found from the end.
+    intf_addConditionRead(key(1, "D_W", 0, 4), 1);
+    intf_addConditionRead(key(1, "D_W", 0, 5), 1); // differs in count only
+    intf_addConditionRead(key(1, "D_W", 100, 10), 9);
+    EXPECT_EQ(runsOf(driver.conditionReadList), "D_W 100 10, D_W 100 10, D_W 0 4, D_W 0 5");
+    EXPECT_EQ(driver.conditionReadList[0].requestTag, 7);
+    EXPECT_EQ(driver.conditionReadList[1].requestTag, 9);
+    EXPECT_EQ(driver.lastConditionRead.requestTag, 9);
+
+    driver.conditionReadList.clear();
+    for (int i = 0; i < 514; ++i)
+        intf_addConditionRead(key(1, "D_W", i, 1), i);
+    ASSERT_EQ(driver.conditionReadList.size(), 513);
+    EXPECT_EQ(driver.conditionReadList[511].address, 511);
+    EXPECT_EQ(driver.conditionReadList[512].address, 513);
+}
+
+} // namespace

@@ -1,0 +1,317 @@
+// Change notifications, the runtime's reads and writes of values, and the
+// settling of write results.
+#include "test_support.h"
+
+using namespace xbc_test;
+
+namespace {
+
+using ValuesTest = DriverTest;
+
+TEST_F(ValuesTest, ChangeNotificationsForEachUnitWidth)
+{
+    enum Width { Word, Byte, Dword, Contact };
+    struct Case {
+        const char *what;
+        Width width;
+        const char *area;
+        int address;
+        quint32 valueMonitor, bitMonitor;
+        int oldValue, newValue, skipBits; // -1: value unknown (null pointer)
+        std::vector<Note> notes;
+    } cases[] = {
+        // clang-format off
+        {"watched bits that changed", Word, "M", 10, 1, 0x9, 0x1, 0x8, 0,
+         {{3, 1, "M_bit", 160}, {3, 1, "M_bit", 163}, {3, 1, "M_W", 10}}},
+        {"values unknown", Word, "M", 10, 1, 0x9, -1, -1, 0,
+         {{3, 1, "M_bit", 160}, {3, 1, "M_bit", 163}, {3, 1, "M_W", 10}}},
+        {"old value unknown", Word, "M", 10, 1, 0x9, -1, 0x8, 0,
+         {{3, 1, "M_bit", 160}, {3, 1, "M_bit", 163}, {3, 1, "M_W", 10}}},
+        {"watched bits unchanged", Word, "M", 10, 1, 0x9, 0x100, 0x200, 0, {{3, 1, "M_W", 10}}},
+        {"bits skipped", Word, "M", 10, 1, 0x9, 0x1, 0x8, 1, {{3, 1, "M_W", 10}}},
+        {"no flags", Word, "M", 10, 0, 0, 0x1, 0x8, 0, {}},
+        {"first half of a double word", Word, "M", 10, 2, 0, 0, 1, 0, {{3, 1, "M_D", 10}}},
+        {"second half of a double word", Word, "M", 10, 4, 0, 0, 1, 0, {{3, 1, "M_D", 9}}},
+        {"second half at word 0", Word, "M", 0, 4, 0, 0, 1, 0, {}},
+        {"every word role", Word, "M", 1, 7, 0x8000, 0, 0x8000, 0,
+         {{3, 1, "M_bit", 31}, {3, 1, "M_W", 1}, {3, 1, "M_D", 1}, {3, 1, "M_D", 0}}},
+        {"every byte role", Byte, "B", 4, 0x7F, 0x80, 0, 0x80, 0,
+         {{3, 1, "B_bit", 39}, {3, 1, "B_B", 4}, {3, 1, "B_W", 4}, {3, 1, "B_W", 3},
+          {3, 1, "B_D", 4}, {3, 1, "B_D", 3}, {3, 1, "B_D", 2}, {3, 1, "B_D", 1}}},
+        {"byte quarters stop at 0", Byte, "B", 1, 0x78, 0, 0, 1, 0, {{3, 1, "B_D", 1}, {3, 1, "B_D", 0}}},
+        {"double word unit", Dword, "X", 2, 1, 0x80000000u, 0, int(0x80000000u), 0,
+         {{3, 1, "X_bit", 95}, {3, 1, "X", 2}}},
+        {"watched contact", Contact, "TX", 6, 1, 0, 0, 1, 0, {{3, 1, "TX", 6}}},
+        {"unwatched contact", Contact, "TX", 6, 0, 0, 0, 1, 0, {}},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        reset("3#0#0#3#64");
+        const int i = getIndexOfDataArea(1, c.area, c.address, driver.dataAreas);
+        driver.dataAreas[i].valueMonitor = c.valueMonitor;
+        driver.dataAreas[i].bitMonitor = c.bitMonitor;
+        int oldValue = c.oldValue, newValue = c.newValue;
+        unsigned char oldByte = static_cast<unsigned char>(oldValue);
+        unsigned char newByte = static_cast<unsigned char>(newValue);
+        int *oldP = c.oldValue == -1 ? nullptr : &oldValue;
+        int *newP = c.newValue == -1 ? nullptr : &newValue;
+        if (c.width == Word)
+            _wordDataChange(oldP, newP, i, c.skipBits);
+        else if (c.width == Byte)
+            _byteDataChange(&oldByte, &newByte, i, c.skipBits);
+        else if (c.width == Dword)
+            _dwordDataChange(oldP, newP, i, c.skipBits);
+        else
+            _bitDataChange(i);
+        deliverPendingNotes();
+        EXPECT_EQ(notes, c.notes);
+    }
+}
+
+TEST_F(ValuesTest, NoCallbackMeansNoNotification)
+{
+    watch("D_W 5 1, M_bit 165 1");
+    intf_setAddrValueChangeCallBack(nullptr);
+    EXPECT_EQ(setData(1, "D_W", 5, words({7}), 1), 1);
+    EXPECT_EQ(setData(1, "TX", 3, {1}, 1), 1); // contacts notify without flags
+    EXPECT_EQ(setData(1, "M_bit", 165, {1}, 1), 1);
+    _wordDataChange(nullptr, nullptr, getIndexOfDataArea(1, "M", 10, driver.dataAreas), 0);
+    deliverPendingNotes();
+    EXPECT_TRUE(notes.empty());
+    EXPECT_EQ(word16(1, "D_W", 5), 7);
+}
+
+TEST_F(ValuesTest, GetDataRows)
+{
+    auto put = [](const char *name, int address, std::vector<unsigned char> value) {
+        const int i = getIndexOfDataArea(1, name, address, driver.dataAreas);
+        std::copy(value.begin(), value.end(), driver.dataAreas[i].value);
+    };
+    put("D", 5, {0x34, 0x12});
+    put("M", 10, {0x60, 0x01}); // bits 5, 6 and 8
+    put("TX", 3, {1});
+    put("Q_W", 2, {1}); // unknown names: one record per address under the whole name
+    const int i = getIndexOfDataArea(1, "D", 6, driver.dataAreas);
+    driver.dataAreas[i].writtenValue[0] = 7;
+    driver.dataAreas[i].writePending = true;
+
+    struct Case {
+        const char *reg;
+        int start, count, bytesPer;
+        std::vector<unsigned char> out;
+    } cases[] = {
+        {"D_W", 5, 1, 2, {0x34, 0x12}},  {"D_W", 5, 2, 2, {0x34, 0x12, 7, 0}},
+        {"M_W", 10, 1, 2, {0x60, 0x01}}, {"M_bit", 164, 4, 1, {0, 1, 1, 0}},
+        {"M_bit", 168, 1, 1, {1}},       {"TX", 3, 2, 1, {1, 0}},
+        {"Q_W", 2, 1, 1, {1}},
+    };
+    for (const Case &c : cases)
+        EXPECT_EQ(getData(1, c.reg, c.start, c.count, c.bytesPer), c.out) << c.reg << c.start;
+
+    const int before = driver.dataAreas.size();
+    unsigned char out[4] = {0xEE, 0xEE, 0xEE, 0xEE};
+    EXPECT_EQ(intf_getData(1, "D_W", 700, 0, out), 1);
+    EXPECT_EQ(out[0], 0xEE);
+    EXPECT_EQ(driver.dataAreas.size(), before);
+    EXPECT_EQ(getData(1, "D_W", 900, 1, 2), (std::vector<unsigned char>{0, 0}));
+    EXPECT_EQ(driver.dataAreas.size(), before + 1);
+}
+
+TEST_F(ValuesTest, DuplicateWritesReplaceTheNewestQueuedEqualRequest)
+{
+    watch("D_W 5 1");
+    driver.writeList = {var(1, "D_W", 5, 1, {1}, 1), var(1, "D_W", 5, 1, {2}, 2),
+                        var(1, "D_W", 6, 1, {3}, 3)};
+    setData(1, "D_W", 5, words({4}), 1, 4);
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "D_W", 5}}));
+    EXPECT_EQ(word16(1, "D_W", 5), 4);           // shown at once
+    EXPECT_EQ(findArea(1, "D", 5)->value[0], 0); // the image waits for the answer
+    ASSERT_EQ(driver.writeList.size(), 3);
+    EXPECT_EQ(driver.writeList[0].requestTag, 1); // possibly in flight: never touched
+    EXPECT_EQ(driver.writeList[1].requestTag, 4);
+    EXPECT_EQ(driver.writeList[1].data[0], 4);
+    EXPECT_EQ(driver.writeList[2].requestTag, 3);
+
+    driver.writeList = {var(1, "D_W", 5, 1, {1}, 1)};
+    notes.clear();
+    setData(1, "D_W", 5, words({4}), 1, 4); // only the head is equal: appended
+    EXPECT_TRUE(notes.empty()) << "the shown value did not change";
+    setData(1, "D_W", 5, words({5}), 2, 5); // count differs: appended
+    EXPECT_EQ(runsOf(driver.writeList), "D_W 5 1, D_W 5 1, D_W 5 2");
+
+    driver.writeList.clear();
+    for (int i = 0; i < 514; ++i)
+        setData(1, "D_W", i, words({1}), 1, i);
+    ASSERT_EQ(driver.writeList.size(), 513);
+    EXPECT_EQ(driver.writeList[511].address, 511);
+    EXPECT_EQ(driver.writeList[512].address, 513); // the newest replaces the last
+}
+
+TEST_F(ValuesTest, LocalWriteOnlyQueuesNothing)
+{
+    reset("3#1#0#3#64");
+    watch("D_W 5 1");
+    setData(1, "D_W", 5, words({7}), 1);
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    EXPECT_EQ(word16(1, "D_W", 5), 7);
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "D_W", 5}}));
+}
+
+TEST_F(ValuesTest, WriteSizeLimits)
+{
+    struct Case {
+        const char *reg;
+        int start, count;
+        const char *queued;
+    } cases[] = {
+        // clang-format off
+        {"D_W", 40, 513, ""},   // more than the 1024 data bytes: refused as a whole
+        {"M_bit", 40, 1025, ""},
+        {"TX", 40, 1025, ""},
+        {"D_W", 40, 0, "D_W 40 0"}, // queued as given, shown nowhere, never framed
+        {"D_W", 0, 512, "D_W 0 64, D_W 64 64, D_W 128 64, D_W 192 64, D_W 256 64, D_W 320 64, "
+                        "D_W 384 64, D_W 448 64"},
+        {"M_bit", 0, 1024, "M_bit 0 512, M_bit 512 512"},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.reg << " count " << c.count);
+        reset("3#0#0#3#64");
+        const std::string watched = std::string(c.reg) + " " + std::to_string(c.start) + " 1";
+        watch(watched.c_str());
+        EXPECT_EQ(setData(1, c.reg, c.start, std::vector<unsigned char>(4096, 1), c.count), 1);
+        EXPECT_EQ(runsOf(driver.writeList), c.queued);
+        if (c.count < 1 || !*c.queued) {
+            EXPECT_TRUE(notes.empty());
+            for (const _DATA_ &d : driver.dataAreas)
+                EXPECT_FALSE(d.writePending);
+        }
+    }
+}
+
+TEST_F(ValuesTest, SharedWordAndBitRecords)
+{
+    watch("M_W 10 1, M_bit 165 1");
+    setData(1, "M_W", 10, words({0x0020}), 1);
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "M_bit", 165}, {3, 1, "M_W", 10}}));
+    EXPECT_EQ(getData(1, "M_bit", 165, 1, 1), std::vector<unsigned char>{1});
+
+    notes.clear();
+    setData(1, "M_bit", 166, {1}, 1); // unwatched bit: only the word changes
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "M_W", 10}}));
+    EXPECT_EQ(word16(1, "M_W", 10), 0x0060);
+}
+
+TEST_F(ValuesTest, BitWritesCountOutstandingRequests)
+{
+    watch("M_bit 165 1");
+    const int i = getIndexOfDataArea(1, "M", 10, driver.dataAreas);
+    driver.dataAreas[i].value[1] = 0xAB;
+    setData(1, "M_bit", 165, {1}, 1);
+    EXPECT_EQ(driver.dataAreas[i].writtenValue[0], 0x20);
+    EXPECT_EQ(driver.dataAreas[i].writtenValue[1], 0xAB); // the rest starts from the image
+    EXPECT_EQ(driver.dataAreas[i].pendingBitWrites, 1u << 10);
+    setData(1, "M_bit", 165, {0}, 1); // the first request is still queued
+    EXPECT_EQ(driver.dataAreas[i].pendingBitWrites, 3u << 10);
+    EXPECT_EQ(driver.dataAreas[i].writtenValue[0], 0x00);
+
+    notes.clear();
+    _write_FailOrSuc(1, "M_bit", 165, 1, 1);
+    deliverPendingNotes();
+    EXPECT_TRUE(driver.dataAreas[i].writePending);
+    EXPECT_TRUE(notes.empty());
+    _write_FailOrSuc(1, "M_bit", 165, 1, 1);
+    deliverPendingNotes();
+    const _DATA_ &d = driver.dataAreas[i];
+    EXPECT_FALSE(d.writePending);
+    EXPECT_EQ(d.pendingBitWrites, 0u);
+    EXPECT_EQ(d.value[0] | (d.value[1] << 8), 0xAB00);
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "M_bit", 165}}));
+
+    // Bits 3 and 4 of one word: the record waits for both results.
+    setData(1, "M_bit", 3, {1}, 1);
+    setData(1, "M_bit", 4, {1}, 1);
+    const int j = getIndexOfDataArea(1, "M", 0, driver.dataAreas);
+    EXPECT_EQ(driver.dataAreas[j].pendingBitWrites, (1u << 6) | (1u << 8));
+    _write_FailOrSuc(1, "M_bit", 3, 1, 1);
+    EXPECT_EQ(driver.dataAreas[j].pendingBitWrites, 1u << 8);
+    EXPECT_TRUE(driver.dataAreas[j].writePending);
+    _write_FailOrSuc(1, "M_bit", 4, 1, 0); // failed: its image bit stays 0
+    EXPECT_FALSE(driver.dataAreas[j].writePending);
+    EXPECT_EQ(getData(1, "M_bit", 3, 2, 1), (std::vector<unsigned char>{1, 0}));
+}
+
+TEST_F(ValuesTest, WriteResultsForEachRegisterKind)
+{
+    struct Case {
+        const char *reg;
+        int address;
+        const char *watched;
+        std::vector<unsigned char> data;
+        int success;
+        std::vector<Note> notes;
+    } cases[] = {
+        // clang-format off
+        {"D_W", 5, "D_W 5 1", {7, 0}, 1, {}},
+        {"D_W", 5, "D_W 5 1", {7, 0}, 0, {{3, 1, "D_W", 5}}},
+        {"TX", 3, "", {1}, 1, {}},
+        {"TX", 3, "", {1}, 0, {{3, 1, "TX", 3}}},  // contacts notify without flags
+        {"M_bit", 165, "M_bit 165 1", {1}, 1, {{3, 1, "M_bit", 165}}},
+        {"M_bit", 165, "M_bit 165 1", {1}, 0, {{3, 1, "M_bit", 165}}},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.reg << (c.success ? " acknowledged" : " failed"));
+        reset("3#0#0#3#64");
+        watch(c.watched);
+        setData(1, c.reg, c.address, c.data, 1);
+        notes.clear();
+        _write_FailOrSuc(1, c.reg, c.address, 1, c.success);
+        deliverPendingNotes();
+        EXPECT_EQ(notes, c.notes);
+        std::vector<unsigned char> shown = c.data;
+        if (!c.success)
+            std::fill(shown.begin(), shown.end(), 0);
+        EXPECT_EQ(getData(1, c.reg, c.address, 1, int(c.data.size())), shown);
+        for (const _DATA_ &d : driver.dataAreas)
+            EXPECT_FALSE(d.writePending);
+    }
+}
+
+TEST_F(ValuesTest, ReplyWhileAWriteIsOutstanding)
+{
+    struct Case {
+        const char *what, *block, *reg, *area;
+        int address;
+        std::vector<unsigned char> written;
+        quint16 polled;
+        bool stillPending;
+        std::vector<unsigned char> shown;
+    } cases[] = {
+        // clang-format off
+        {"word changed by the controller", "D_W 5 1", "D_W", "D", 5, words({7}), 9, false, {9, 0}},
+        {"word unchanged", "D_W 5 1", "D_W", "D", 5, words({7}), 0, true, {7, 0}},
+        {"other bit of the word changed", "M_W 10 1", "M_bit", "M", 165, {1}, 0x0001, true, {1}},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        reset("3#0#0#3#64");
+        watch(c.block);
+        setData(1, c.reg, c.address, c.written, 1);
+        ASSERT_EQ(driver.writeList.size(), 1);
+        const KEY_ADDRESS k = runs(c.block)[0];
+        driver.sendList.clear();
+        ASSERT_EQ(getReadFrame({var(1, k.regName, k.address, 1)}), 1);
+        driver.sendState = 4;
+        EXPECT_EQ(deliver(readReply({c.polled})), 1);
+        const _DATA_ *d = findArea(1, c.area, k.address);
+        ASSERT_NE(d, nullptr);
+        EXPECT_EQ(d->writePending, c.stillPending);
+        EXPECT_EQ(d->value[0], c.polled & 0xFF);
+        EXPECT_EQ(getData(1, c.reg, c.address, 1, int(c.shown.size())), c.shown);
+    }
+}
+
+} // namespace
