@@ -178,12 +178,18 @@ inline uint qHash(const DataAreaKey &k, uint seed = 0)
 }
 
 // One value-change notification waiting to be delivered once the driver has
-// released its own lock.
+// released its own lock. Names the driver forms itself are shared, long-lived
+// strings (`sharedName`), so that a busy reply costs no string copies.
 struct PendingNote {
     int id;
     int stationNo;
-    QString name;
+    const QString *sharedName;
+    QString ownName;
     int address;
+    const QString &name() const
+    {
+        return sharedName ? *sharedName : ownName;
+    }
 };
 
 // ---------------------------------------------------------------------------

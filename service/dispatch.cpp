@@ -75,13 +75,16 @@ static void completeBitWrite(const QByteArray &reply, int count, int start, cons
     for (int j = 0; j < count; ++j)
         words[j] =
             quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
-    for (int i = 0; i < var.count && i < DATA_BYTES; ++i) {
+    // A recipe block holds one 16-bit buffer word per bit (its low byte says
+    // on or off, as for a single bit); a write from the screens one byte per bit.
+    const int stride = driver.sendState == 5 ? 2 : 1;
+    for (int i = 0; i < var.count && stride * i < DATA_BYTES; ++i) {
         const int b = var.address % 16 + i;
         if (b / 16 >= count)
             break;
         const quint16 mask = quint16(1u << (b % 16));
-        words[b / 16] =
-            var.data[i] != 0 ? quint16(words[b / 16] | mask) : quint16(words[b / 16] & ~mask);
+        words[b / 16] = var.data[stride * i] != 0 ? quint16(words[b / 16] | mask)
+                                                  : quint16(words[b / 16] & ~mask);
     }
     for (int j = 0; j < count; ++j)
         putHex16(write.frame + 11 + 4 * j, words[j]);

@@ -162,6 +162,15 @@ int intf_getSendFrame(FRAME_PRO *out)
     return 1;
 }
 
+static bool lastConditionReadQueued()
+{
+    for (const VARIABLE &request : driver.conditionReadList) {
+        if (sameRequest(request, driver.lastConditionRead))
+            return true;
+    }
+    return false;
+}
+
 static void finishRecipeBlock(int requestOffset)
 {
     if (driver.commError == 0) {
@@ -184,8 +193,13 @@ void dealListWhenFinish()
     }
     case 3:
         if (!driver.conditionReadList.isEmpty() &&
-            sameRequest(driver.conditionReadList.first(), driver.lastConditionRead))
+            sameRequest(driver.conditionReadList.first(), driver.lastConditionRead)) {
             notifyHost(-1, -1, QStringLiteral("-1"), driver.commError ? -1 : 0);
+        } else if (driver.commError && lastConditionReadQueued()) {
+            // A failed piece drops the rest of the condition read with it: its
+            // end is reported now, or the runtime would wait for it for ever.
+            notifyHost(-1, -1, QStringLiteral("-1"), -1);
+        }
         if (driver.commError)
             driver.conditionReadList.clear();
         else if (!driver.conditionReadList.isEmpty())

@@ -16,6 +16,11 @@ class DriverCall {
     DriverCall &operator=(const DriverCall &) = delete;
 };
 void notifyHost(int id, int stationNo, const QString &name, int address);
+// The same with a name from sharedName(), which is not copied.
+void notifyHostShared(int id, int stationNo, const QString *name, int address);
+// A long-lived copy of a name, or nullptr once too many distinct names were
+// asked for (then callers pass their own copy).
+const QString *sharedName(const QString &name);
 void deliverPendingNotes();
 
 // --- identity and properties ---
