@@ -161,7 +161,7 @@ struct _RCP_VAR_PRO {
 // The runtime's value-change callback: (driverId, station, register, address).
 typedef void (*AddrValueChangeCallBack)(int, int, const QString &, int);
 
-// Key of one data area record, for the lookup index beside dataAreas.
+// Key of one data area record, for the run cache beside dataAreas.
 struct DataAreaKey {
     int stationNo;
     QString name;
@@ -176,6 +176,31 @@ inline uint qHash(const DataAreaKey &k, uint seed = 0)
     return qHash(k.name, seed) ^ (uint(k.stationNo) * 0x9E3779B1u) ^
            (uint(k.address) * 0x85EBCA77u);
 }
+
+// Lookup index beside dataAreas: (station, area, address) -> record index, in
+// one flat open-addressed table so that a lookup costs about one cache miss
+// however many records there are. Area names are numbered once.
+struct DataAreaIndex {
+    struct Slot {
+        qint32 stationNo;
+        qint32 area;
+        qint32 address;
+        qint32 record; // -1: empty
+    };
+    std::vector<Slot> slots;
+    int used = 0;    // slots taken
+    int records = 0; // entries of dataAreas the index covers
+    QHash<QString, int> areaNumbers;
+
+    bool isEmpty() const
+    {
+        return records == 0;
+    }
+    int size() const
+    {
+        return records;
+    }
+};
 
 // One value-change notification waiting to be delivered once the driver has
 // released its own lock. Names the driver forms itself are shared, long-lived
@@ -238,8 +263,11 @@ class Protocol {
     QString propertyPage;
 
     // --- the driver's own additions ---
-    // Lookup index beside dataAreas: key -> index. Emptied with the list.
-    QHash<DataAreaKey, int> dataAreaIndex;
+    // Lookup index beside dataAreas. Emptied with the list.
+    DataAreaIndex dataAreaIndex;
+    // Record indices of the runs that replies fill, by the run's first key, so
+    // that a reply looks its records up once. Emptied with the list.
+    QHash<DataAreaKey, QVector<int>> dataAreaRuns;
     // Serialises the runtime's threads on the request lists and data areas. A
     // standard mutex, so that thread checkers see what it orders.
     std::mutex stateMutex;

@@ -3,10 +3,11 @@
 
 int judgeAddrMerge(KEY_ADDRESS block, KEY_ADDRESS next, int allowGap)
 {
-    return mergeRule(block, next, allowGap);
+    return mergeRule(MergeRun{block.stationNo, block.regName, block.address, block.count},
+                     MergeRun{next.stationNo, next.regName, next.address, next.count}, allowGap);
 }
 
-int mergeRule(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int allowGap)
+int mergeRule(const MergeRun &block, const MergeRun &next, int allowGap)
 {
     if (block.stationNo != next.stationNo)
         return 1;

@@ -35,8 +35,15 @@ QString formatPlainAddress(const QString &format, int value);
 
 // --- merge rule ---
 int judgeAddrMerge(KEY_ADDRESS block, KEY_ADDRESS next, int allowGap);
-// The same rule without copying the keys, for the merge passes.
-int mergeRule(const KEY_ADDRESS &block, const KEY_ADDRESS &next, int allowGap);
+// What the merge rule looks at of a key: the merge passes work on these small
+// runs instead of whole keys with their 1024 data bytes.
+struct MergeRun {
+    int stationNo;
+    QString regName;
+    int address;
+    int count;
+};
+int mergeRule(const MergeRun &block, const MergeRun &next, int allowGap);
 
 // --- frame layout ---
 enum { STX = 0x02, ETX = 0x03, EOT = 0x04, ACK = 0x06, NAK = 0x15 };

@@ -39,17 +39,55 @@ const unsigned char *shownBytes(const _DATA_ &record)
     return record.writePending ? record.writtenValue : record.value;
 }
 
-static void rebuildIndexIfStale()
+static quint32 slotHash(int stationNo, int area, int address)
 {
-    // Every path that empties dataAreas empties the index too; this only guards
-    // against a list changed behind our back.
-    if (driver.dataAreaIndex.size() == driver.dataAreas.size())
-        return;
-    driver.dataAreaIndex.clear();
-    for (int i = 0; i < driver.dataAreas.size(); ++i) {
-        const _DATA_ &r = driver.dataAreas.at(i);
-        driver.dataAreaIndex.insert(DataAreaKey{r.stationNo, r.name, r.address}, i);
+    quint32 h = quint32(stationNo) * 0x9E3779B1u ^ quint32(area) * 0x85EBCA77u ^
+                quint32(address) * 0xC2B2AE3Du;
+    h ^= h >> 16;
+    h *= 0x7FEB352Du;
+    h ^= h >> 15;
+    return h;
+}
+
+// The slot of the key, or the empty slot where it belongs.
+static DataAreaIndex::Slot &slotFor(DataAreaIndex &index, int stationNo, int area, int address)
+{
+    const size_t mask = index.slots.size() - 1;
+    size_t i = slotHash(stationNo, area, address) & mask;
+    for (;;) {
+        DataAreaIndex::Slot &slot = index.slots[i];
+        if (slot.record < 0 ||
+            (slot.stationNo == stationNo && slot.area == area && slot.address == address))
+            return slot;
+        i = (i + 1) & mask;
     }
+}
+
+static void growIndex(DataAreaIndex &index)
+{
+    std::vector<DataAreaIndex::Slot> old;
+    old.swap(index.slots);
+    index.slots.assign(old.empty() ? 1024 : 2 * old.size(), DataAreaIndex::Slot{0, 0, 0, -1});
+    for (const DataAreaIndex::Slot &slot : old) {
+        if (slot.record >= 0)
+            slotFor(index, slot.stationNo, slot.area, slot.address) = slot;
+    }
+}
+
+static int areaNumberOf(DataAreaIndex &index, const QString &name)
+{
+    const auto found = index.areaNumbers.constFind(name);
+    if (found != index.areaNumbers.constEnd())
+        return found.value();
+    const int number = index.areaNumbers.size();
+    index.areaNumbers.insert(name, number);
+    return number;
+}
+
+static void clearIndex()
+{
+    driver.dataAreaIndex = DataAreaIndex();
+    driver.dataAreaRuns.clear();
 }
 
 static int appendRecord(int stationNo, const QString &name, int address, QList<_DATA_> &list)
@@ -62,30 +100,80 @@ static int appendRecord(int stationNo, const QString &name, int address, QList<_
     return list.size() - 1;
 }
 
+// Slot of the key in the index, taken for `record` when the key is new.
+static DataAreaIndex::Slot &indexKey(int stationNo, const QString &name, int address, int record)
+{
+    DataAreaIndex &index = driver.dataAreaIndex;
+    if (2 * (index.used + 1) > int(index.slots.size()))
+        growIndex(index);
+    const int area = areaNumberOf(index, name);
+    DataAreaIndex::Slot &slot = slotFor(index, stationNo, area, address);
+    if (slot.record < 0) {
+        slot = DataAreaIndex::Slot{stationNo, area, address, record};
+        ++index.used;
+    }
+    return slot;
+}
+
+static void rebuildIndexIfStale()
+{
+    // Every path that empties dataAreas empties the index too; this only
+    // guards against a list changed behind our back.
+    if (driver.dataAreaIndex.records == driver.dataAreas.size())
+        return;
+    clearIndex();
+    for (int i = 0; i < driver.dataAreas.size(); ++i) {
+        const _DATA_ &r = driver.dataAreas.at(i);
+        indexKey(r.stationNo, r.name, r.address, i);
+    }
+    driver.dataAreaIndex.records = driver.dataAreas.size();
+}
+
+static int indexedRecord(int stationNo, const QString &name, int address)
+{
+    rebuildIndexIfStale();
+    const int next = driver.dataAreas.size();
+    const DataAreaIndex::Slot &slot = indexKey(stationNo, name, address, next);
+    if (slot.record == next) {
+        appendRecord(stationNo, name, address, driver.dataAreas);
+        driver.dataAreaIndex.records = driver.dataAreas.size();
+    }
+    return slot.record;
+}
+
 int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list)
 {
-    if (&list != &driver.dataAreas) {
-        for (int i = 0; i < list.size(); ++i) {
-            const _DATA_ &r = list.at(i);
-            if (r.stationNo == stationNo && r.name == name && r.address == address)
-                return i;
-        }
-        return appendRecord(stationNo, name, address, list);
+    if (&list == &driver.dataAreas)
+        return indexedRecord(stationNo, name, address);
+    for (int i = 0; i < list.size(); ++i) {
+        const _DATA_ &r = list.at(i);
+        if (r.stationNo == stationNo && r.name == name && r.address == address)
+            return i;
     }
-    rebuildIndexIfStale();
-    const DataAreaKey key{stationNo, name, address};
-    const auto found = driver.dataAreaIndex.constFind(key);
-    if (found != driver.dataAreaIndex.constEnd())
-        return found.value();
-    const int index = appendRecord(stationNo, name, address, list);
-    driver.dataAreaIndex.insert(key, index);
-    return index;
+    return appendRecord(stationNo, name, address, list);
 }
 
 void clearDataAreas()
 {
     driver.dataAreas.clear();
-    driver.dataAreaIndex.clear();
+    clearIndex();
+}
+
+QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int count)
+{
+    rebuildIndexIfStale();
+    const DataAreaKey key{stationNo, name, first};
+    QVector<int> run = driver.dataAreaRuns.value(key);
+    if (run.size() >= count)
+        return run;
+    for (int k = run.size(); k < count; ++k)
+        run.append(getIndexOfDataArea(stationNo, name, addrAt(first, k), driver.dataAreas));
+    // Runs come from the read plan; a runtime that reads everywhere only
+    // costs the cache its content.
+    if (driver.dataAreaRuns.size() >= 4096)
+        driver.dataAreaRuns.clear();
+    driver.dataAreaRuns.insert(key, run);
+    return run;
 }
 
 int _setBitValue(int value, int bit, int on)

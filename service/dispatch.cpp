@@ -25,11 +25,11 @@ static void decodeWords(const QByteArray &reply, int count, int start, const VAR
     // A bit-addressed read (a recipe block of a bit register) reads the words
     // that hold its bits: its records are keyed by word number.
     const int firstWord = isBitRegName(var.regName) ? var.address / 16 : var.address;
+    const QVector<int> records = dataAreaRun(var.stationNo, area, firstWord, count);
     for (int k = 0; k < count; ++k) {
         const unsigned char lo = asc2hex(reply, start + 4 * k);
         const unsigned char hi = asc2hex(reply, start + 4 * k + 2);
-        int index = 0;
-        index = getIndexOfDataArea(var.stationNo, area, addrAt(firstWord, k), driver.dataAreas);
+        const int index = records.at(k);
         _DATA_ &r = driver.dataAreas[index];
         int newValue = uchar2int16(lo, hi);
         int oldValue = uchar2int16(r.value[0], r.value[1]);
@@ -47,11 +47,11 @@ static void decodeContacts(const QByteArray &reply, int count, int start, const 
 {
     if (var.address < 0)
         return;
+    const QVector<int> records = dataAreaRun(var.stationNo, var.regName, var.address, count);
     for (int k = 0; k < count; ++k) {
-        const int a = addrAt(var.address, k);
         const int b = var.address % 16 + k; // position from bit 0 of the first word read
         const unsigned char bit = (asc2hex(reply, start + 2 * (b / 8)) >> (b % 8)) & 1;
-        const int index = getIndexOfDataArea(var.stationNo, var.regName, a, driver.dataAreas);
+        const int index = records.at(k);
         _DATA_ &r = driver.dataAreas[index];
         const bool changed = r.value[0] != bit;
         r.value[0] = bit;

@@ -5,95 +5,151 @@
 #include <algorithm>
 #include <vector>
 
+namespace {
+// One key as the merge passes see it; `source` is its position in the list.
+struct MergeItem {
+    MergeRun run;
+    int source;
+    quint32 weight;
+};
+
+// How keys of one register name are normalised, worked out once per name.
+struct NameRule {
+    QString name; // the name after normalisation ("M_W" for "M_bit")
+    int bitUnit;  // bit runs become runs of words of this many bits; 0: no change
+    int dataBits; // counts of other widths are scaled to 16-bit words
+    int position; // of the normalised name in the register list
+};
+} // namespace
+
+static NameRule ruleFor(const QString &regName)
+{
+    const int row = regRowOf(regName);
+    const int w = ADDRESS_RANGE_PRO[row][COL_UNIT_BITS].toInt();
+    NameRule rule{regName, 0, ADDRESS_RANGE_PRO[row][COL_DATA_BITS].toInt(), 0};
+    const QStringList parts = regName.split(QLatin1Char('_'));
+    if (parts.size() == 2) {
+        if (parts.at(1) == QLatin1String("bit") && w > 0)
+            rule.bitUnit = w;
+        const char *suffix = w == 8 ? "_B" : w == 16 ? "_W" : w == 32 ? "_D" : "";
+        rule.name = parts.at(0) + QLatin1String(suffix);
+    }
+    rule.position = driver.regNameList.indexOf(rule.name);
+    return rule;
+}
+
 // Bit runs become the word runs that hold them; widths other than 16 bits are
 // counted in 16-bit words.
-static void normaliseKey(KEY_ADDRESS &key)
+static void normalise(MergeRun &run, const NameRule &rule)
 {
-    const int row = regRowOf(key.regName);
-    const QStringList parts = key.regName.split(QLatin1Char('_'));
-    if (parts.size() == 2) {
-        const int w = ADDRESS_RANGE_PRO[row][COL_UNIT_BITS].toInt();
-        if (parts.at(1) == QLatin1String("bit") && w > 0) {
-            const qint64 bits = qint64(key.count) + key.address % w;
-            key.count = int(bits / w + (bits % w ? 1 : 0));
-            key.address = key.address / w;
-        }
-        const char *suffix = w == 8 ? "_B" : w == 16 ? "_W" : w == 32 ? "_D" : "";
-        key.regName = parts.at(0) + QLatin1String(suffix);
+    run.regName = rule.name;
+    if (rule.bitUnit > 0) {
+        const int w = rule.bitUnit;
+        const qint64 bits = qint64(run.count) + run.address % w;
+        run.count = int(bits / w + (bits % w ? 1 : 0));
+        run.address = run.address / w;
     }
-    const int d = ADDRESS_RANGE_PRO[row][COL_DATA_BITS].toInt();
-    if (d != 1 && d > 0)
-        key.count = int(key.count * (16.0 / d));
+    if (rule.dataBits != 1 && rule.dataBits > 0)
+        run.count = int(run.count * (16.0 / rule.dataBits));
 }
 
-static void sortByAddressWeight(QList<KEY_ADDRESS> &keys)
+static quint32 weightOf(const MergeRun &run, int position)
 {
-    std::vector<std::pair<quint32, int>> order;
-    order.reserve(size_t(keys.size()));
+    const quint32 n = quint32(driver.regNameList.size());
+    return quint32(run.stationNo) * (n * 65535u) + quint32(position) * 65535u +
+           quint32(run.address);
+}
+
+static std::vector<MergeItem> pollingItems(const QList<KEY_ADDRESS> &keys)
+{
+    QHash<QString, NameRule> rules;
+    std::vector<MergeItem> items;
+    items.reserve(size_t(keys.size()));
     for (int i = 0; i < keys.size(); ++i) {
-        const KEY_ADDRESS &k = keys.at(i);
-        order.emplace_back(getRegAddressWeight(k.stationNo, k.regName, k.address), i);
+        const KEY_ADDRESS &key = keys.at(i);
+        auto rule = rules.constFind(key.regName);
+        if (rule == rules.constEnd())
+            rule = rules.insert(key.regName, ruleFor(key.regName));
+        MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count}, i, 0};
+        normalise(item.run, rule.value());
+        item.weight = weightOf(item.run, rule.value().position);
+        items.push_back(item);
     }
-    std::stable_sort(order.begin(), order.end(),
-                     [](const auto &a, const auto &b) { return a.first < b.first; });
-    QList<KEY_ADDRESS> sorted;
-    sorted.reserve(keys.size());
-    for (const auto &entry : order)
-        sorted.append(keys.at(entry.second));
-    keys.swap(sorted);
+    std::stable_sort(items.begin(), items.end(),
+                     [](const MergeItem &a, const MergeItem &b) { return a.weight < b.weight; });
+    return items;
 }
 
-// One merging pass: folds each key into the open block while the rule allows
+// One merging pass: folds each item into the open block while the rule allows
 // it and the block spans no more than maxPacketLen units. `starts`, when given,
-// receives the index of the key that opens each new block.
-static QList<KEY_ADDRESS> mergePass(const QList<KEY_ADDRESS> &keys, int allowGap,
-                                    QList<int> *starts)
+// receives the index of the item that opens each new block.
+static std::vector<MergeItem> mergePass(const std::vector<MergeItem> &items, int allowGap,
+                                        QList<int> *starts)
 {
-    QList<KEY_ADDRESS> blocks;
-    KEY_ADDRESS cur = keys.first();
-    for (int i = 1; i < keys.size(); ++i) {
-        const KEY_ADDRESS &next = keys.at(i);
-        bool opensBlock = mergeRule(cur, next, allowGap) == 1;
+    std::vector<MergeItem> blocks;
+    MergeItem cur = items.front();
+    for (size_t i = 1; i < items.size(); ++i) {
+        const MergeRun &next = items[i].run;
+        bool opensBlock = mergeRule(cur.run, next, allowGap) == 1;
         if (!opensBlock) {
-            const qint64 span = qint64(next.address) + next.count - cur.address;
+            const qint64 span = qint64(next.address) + next.count - cur.run.address;
             if (span > driver.maxPacketLen)
                 opensBlock = true;
-            else if (span > cur.count)
-                cur.count = int(span);
+            else if (span > cur.run.count)
+                cur.run.count = int(span);
         }
         if (opensBlock) {
-            blocks.append(cur);
-            cur = next;
+            blocks.push_back(cur);
+            cur = items[i];
             if (starts != nullptr)
-                starts->append(i);
+                starts->append(int(i));
         }
     }
-    blocks.append(cur);
+    blocks.push_back(cur);
     return blocks;
 }
 
+static std::vector<MergeItem> mergePolling(const QList<KEY_ADDRESS> &keys)
+{
+    return mergePass(mergePass(pollingItems(keys), 0, nullptr), 1, nullptr);
+}
+
+static std::vector<MergeItem> mergeRecipe(const QList<KEY_ADDRESS> &keys)
+{
+    std::vector<MergeItem> items;
+    for (int i = 0; i < keys.size(); ++i) {
+        const KEY_ADDRESS &key = keys.at(i);
+        MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count}, i, 0};
+        const int index = getIndexFromRegName(key.regName);
+        if (index >= 0) {
+            const int dataBits = ADDRESS_RANGE_PRO[index][COL_DATA_BITS].toInt();
+            const int unitBits = ADDRESS_RANGE_PRO[index][COL_UNIT_BITS].toInt();
+            if (dataBits != 1 && unitBits > 0)
+                item.run.count = int(item.run.count * (16.0 / unitBits));
+        }
+        items.push_back(item);
+    }
+    driver.blockStartList.append(0);
+    return mergePass(items, 0, &driver.blockStartList);
+}
+
+// A block keeps every field of its first key but the normalised name, address
+// and the merged count.
 void addrMerge(QList<KEY_ADDRESS> &keys, int mergeMode)
 {
     if (keys.isEmpty())
         return;
-    if (mergeMode == 2) {
-        for (KEY_ADDRESS &key : keys) {
-            const int index = getIndexFromRegName(key.regName);
-            if (index < 0)
-                continue;
-            const int dataBits = ADDRESS_RANGE_PRO[index][COL_DATA_BITS].toInt();
-            const int unitBits = ADDRESS_RANGE_PRO[index][COL_UNIT_BITS].toInt();
-            if (dataBits != 1 && unitBits > 0)
-                key.count = int(key.count * (16.0 / unitBits));
-        }
-        driver.blockStartList.append(0);
-        keys = mergePass(keys, 0, &driver.blockStartList);
-        return;
+    const std::vector<MergeItem> blocks = mergeMode == 2 ? mergeRecipe(keys) : mergePolling(keys);
+    QList<KEY_ADDRESS> merged;
+    merged.reserve(int(blocks.size()));
+    for (const MergeItem &block : blocks) {
+        KEY_ADDRESS key = keys.at(block.source);
+        key.regName = block.run.regName;
+        key.address = block.run.address;
+        key.count = block.run.count;
+        merged.append(key);
     }
-    for (KEY_ADDRESS &key : keys)
-        normaliseKey(key);
-    sortByAddressWeight(keys);
-    keys = mergePass(mergePass(keys, 0, nullptr), 1, nullptr);
+    keys.swap(merged);
 }
 
 int intf_addrMerge(QList<KEY_ADDRESS> *keys)
@@ -104,24 +160,23 @@ int intf_addrMerge(QList<KEY_ADDRESS> *keys)
         record.bitMonitor = 0;
         record.pendingBitWrites = 0;
     }
-    QList<KEY_ADDRESS> work;
-    if (keys != nullptr) {
-        for (const KEY_ADDRESS &key : *keys) {
-            _setDataAreaMonitorFlag(key.stationNo, key.regName, key.address, key.count);
-            work.append(key);
-        }
-    }
     driver.readList.clear();
-    if (work.isEmpty())
+    if (keys == nullptr || keys->isEmpty())
         return 0;
-    addrMerge(work, 1);
-    for (const KEY_ADDRESS &block : work) {
+    QHash<QString, RegisterView> views;
+    for (const KEY_ADDRESS &key : *keys) {
+        auto view = views.constFind(key.regName);
+        if (view == views.constEnd())
+            view = views.insert(key.regName, registerViewOf(key.regName));
+        monitorFlagsFor(view.value(), key.stationNo, key.address, key.count);
+    }
+    for (const MergeItem &block : mergePolling(*keys)) {
         VARIABLE var;
         var.requestTag = 4;
-        var.stationNo = block.stationNo;
-        var.regName = block.regName;
-        var.address = block.address;
-        var.count = block.count;
+        var.stationNo = block.run.stationNo;
+        var.regName = block.run.regName;
+        var.address = block.run.address;
+        var.count = block.run.count;
         driver.readList.append(var);
     }
     return driver.readList.size();

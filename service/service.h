@@ -76,6 +76,9 @@ int monitorFlagsFor(const RegisterView &view, int stationNo, int start, int coun
 
 int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list);
 void clearDataAreas();
+// Indices of the records (station, name, first + k) for k below count, created
+// when absent.
+QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int count);
 int _setDataAreaMonitorFlag(int stationNo, QString regName, int start, int count);
 int _setBitValue(int value, int bit, int on);
 QString areaNameOf(const QString &regName);
