@@ -25,7 +25,8 @@
 //   five numbers as they were (0 after load).
 // - Unknown register names use the fallback row: values live in one record per
 //   address keyed by the whole name and are never sent.
-// - Monitor flags, reads and writes map at most 262144 values per call.
+// - Monitor flags, reads and writes map at most 262144 values per call; a
+//   condition read is cut into at most 512 pieces (what its queue can hold).
 // - Value-change notifications of one call are delivered after the driver has
 //   released its own lock, in order, before the call returns; the callback may
 //   call back into the driver. Do not call into the driver while holding the

@@ -1,6 +1,8 @@
 // One-off reads of a run of addresses, served ahead of polling.
 #include "service.h"
 
+constexpr int MAX_CONDITION_PIECES = 512;
+
 // Bits of a "_bit" register are read through the words that hold them, so that
 // watched bits are notified from the word reply.
 static void toWordRun(KEY_ADDRESS &piece)
@@ -17,6 +19,10 @@ int intf_addConditionRead(KEY_ADDRESS key, int requestTag)
     DriverCall call;
     const int w = regUnitBits(key.regName);
     const int limit = key.dataKind == -1 ? driver.maxPacketBits : driver.maxPacketWords;
+    // The queue holds 513 requests: a read cut into more pieces than that could
+    // never be served whole, so it is cut at 512 pieces.
+    if (limit >= 1 && qint64(key.count) > qint64(limit) * MAX_CONDITION_PIECES)
+        key.count = int(qint64(limit) * MAX_CONDITION_PIECES);
     QList<KEY_ADDRESS> pieces;
     groupingKey(key, limit, pieces, 0);
     for (KEY_ADDRESS &piece : pieces) {
