@@ -188,7 +188,7 @@ struct DataAreaIndex {
         qint32 address;
         qint32 record; // -1: empty
     };
-    std::vector<Slot> slots;
+    std::vector<Slot> table;
     int used = 0;    // slots taken
     int records = 0; // entries of dataAreas the index covers
     QHash<QString, int> areaNumbers;

@@ -52,10 +52,10 @@ static quint32 slotHash(int stationNo, int area, int address)
 // The slot of the key, or the empty slot where it belongs.
 static DataAreaIndex::Slot &slotFor(DataAreaIndex &index, int stationNo, int area, int address)
 {
-    const size_t mask = index.slots.size() - 1;
+    const size_t mask = index.table.size() - 1;
     size_t i = slotHash(stationNo, area, address) & mask;
     for (;;) {
-        DataAreaIndex::Slot &slot = index.slots[i];
+        DataAreaIndex::Slot &slot = index.table[i];
         if (slot.record < 0 ||
             (slot.stationNo == stationNo && slot.area == area && slot.address == address))
             return slot;
@@ -66,8 +66,8 @@ static DataAreaIndex::Slot &slotFor(DataAreaIndex &index, int stationNo, int are
 static void growIndex(DataAreaIndex &index)
 {
     std::vector<DataAreaIndex::Slot> old;
-    old.swap(index.slots);
-    index.slots.assign(old.empty() ? 1024 : 2 * old.size(), DataAreaIndex::Slot{0, 0, 0, -1});
+    old.swap(index.table);
+    index.table.assign(old.empty() ? 1024 : 2 * old.size(), DataAreaIndex::Slot{0, 0, 0, -1});
     for (const DataAreaIndex::Slot &slot : old) {
         if (slot.record >= 0)
             slotFor(index, slot.stationNo, slot.area, slot.address) = slot;
@@ -104,7 +104,7 @@ static int appendRecord(int stationNo, const QString &name, int address, QList<_
 static DataAreaIndex::Slot &indexKey(int stationNo, const QString &name, int address, int record)
 {
     DataAreaIndex &index = driver.dataAreaIndex;
-    if (2 * (index.used + 1) > int(index.slots.size()))
+    if (2 * (index.used + 1) > int(index.table.size()))
         growIndex(index);
     const int area = areaNumberOf(index, name);
     DataAreaIndex::Slot &slot = slotFor(index, stationNo, area, address);

@@ -11,70 +11,30 @@ QByteArray goodReply(const FRAME_PRO &f)
     return f.wordCount > 0 ? readReply(std::vector<quint16>(size_t(f.wordCount), 0)) : reply("w");
 }
 
-class ScheduleTest : public DriverTest {
-  protected:
-    // Three recipe blocks: D_W 10..11 (buffer words 0, 1), D_W 20 (2), D_W 30 (3).
-    void threeRecipeBlocks()
-    {
-        QVector<_RCP_VAR_PRO> vars(3);
-        const int layout[3][3] = {{10, 2, 0}, {20, 1, 2}, {30, 1, 3}};
-        for (int i = 0; i < 3; ++i) {
-            vars[i].driverId = 3;
-            vars[i].stationNo = 1;
-            vars[i].regName = "D_W";
-            vars[i].address = layout[i][0];
-            vars[i].count = layout[i][1];
-            vars[i].bufferIndex = layout[i][2];
-        }
-        ASSERT_EQ(intf_setRcpAddress(&vars), 3);
-        ASSERT_EQ(driver.rcpBlockList.size(), 3);
-    }
-};
+using ScheduleTest = DriverTest;
 
-TEST_F(ScheduleTest, TwelveWritesAgainstAPollingList)
-{
-    watch("D_W 0 1");
-    for (int i = 0; i < 12; ++i)
-        setData(1, "D_W", 100 + i, words({quint16(i)}), 1, 11);
-    std::string order;
-    std::vector<int> written, expected;
-    for (int k = 0; k < 13; ++k) {
-        FRAME_PRO f;
-        ASSERT_TRUE(nextFrame(f)) << k;
-        order += char(f.frame[1]);
-        if (f.frame[1] == 'w') {
-            written.push_back(f.var.address);
-            expected.push_back(100 + int(expected.size()));
-            EXPECT_EQ(f.var.requestTag, 11);
-        }
-        EXPECT_EQ(deliver(goodReply(f)), 1);
-    }
-    EXPECT_EQ(order, "wwwwwwwwwwrww");
-    EXPECT_EQ(written, expected);
-    EXPECT_TRUE(driver.writeList.isEmpty());
-}
-
-TEST_F(ScheduleTest, ConditionReadsShareTheBurstCounter)
+// Ten writes, then one polling read, then the writes again; condition reads
+// count against the same burst of ten.
+TEST_F(ScheduleTest, WritesConditionReadsAndPollingShareTheBurst)
 {
     struct Case {
         int writes, conditionReads;
         bool polling;
         std::string order; // W write, C condition read, P polling read, - nothing sent
     } cases[] = {
-        {0, 5, true, "CCCPCCP"},
-        {4, 2, true, "WWWWPCCP"},
-        {2, 2, true, "WWCPCP"},
-        {0, 5, false, "CCC-CC-"},
+        {12, 0, true, "WWWWWWWWWWPWW"}, {0, 5, true, "CCCPCCP"}, {4, 2, true, "WWWWPCCP"},
+        {2, 2, true, "WWCPCP"},         {0, 5, false, "CCC-CC-"},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.order);
         reset("3#0#0#3#64");
         watch(c.polling ? "D_W 0 1" : "");
         for (int i = 0; i < c.writes; ++i)
-            setData(1, "D_W", 100 + i, words({1}), 1, 11);
+            setData(1, "D_W", 100 + i, words({quint16(i)}), 1, 11);
         for (int i = 0; i < c.conditionReads; ++i)
             intf_addConditionRead(key(1, "D_W", 200 + i, 1), 22);
         std::string order;
+        std::vector<int> written;
         for (size_t k = 0; k < c.order.size(); ++k) {
             FRAME_PRO f;
             if (!nextFrame(f)) {
@@ -82,20 +42,15 @@ TEST_F(ScheduleTest, ConditionReadsShareTheBurstCounter)
                 continue;
             }
             order += f.var.requestTag == 11 ? 'W' : f.var.requestTag == 22 ? 'C' : 'P';
+            if (f.var.requestTag == 11)
+                written.push_back(f.var.address);
             EXPECT_EQ(deliver(goodReply(f)), 1);
         }
         EXPECT_EQ(order, c.order);
+        EXPECT_TRUE(std::is_sorted(written.begin(), written.end())) << "writes out of order";
+        EXPECT_EQ(int(written.size()), c.writes);
+        EXPECT_TRUE(driver.writeList.isEmpty());
     }
-}
-
-TEST_F(ScheduleTest, NothingToSend)
-{
-    driver.burstCount = 5;
-    FRAME_PRO f;
-    EXPECT_EQ(intf_getSendFrame(&f), 0);
-    EXPECT_TRUE(driver.sendList.isEmpty());
-    EXPECT_EQ(driver.sendState, 0);
-    EXPECT_EQ(driver.burstCount, 0);
 }
 
 TEST_F(ScheduleTest, FrameOfferedAgainUntilRetired)
@@ -143,7 +98,8 @@ TEST_F(ScheduleTest, BookkeepingAfterEachKindOfRequest)
          "", "D_W 6 1", "", {}},
         {"condition read failed", 3, 1, "", "D_W 5 1, D_W 6 1", "D_W 5 1", "",
          "", "", "", {{-1, -1, "-1", -1}}},
-        {"earlier piece failed", 3, 1, "", "D_W 5 1, D_W 6 1", "D_W 6 1", "", "", "", "", {}},
+        {"earlier piece failed", 3, 1, "", "D_W 5 1, D_W 6 1", "D_W 6 1", "", "", "", "",
+         {{-1, -1, "-1", -1}}},
         {"polling rotates", 4, 0, "D_W 1 1", "D_W 5 1", "D_W 5 1", "D_W 1 1, D_W 2 1, D_W 3 1",
          "D_W 1 1", "D_W 5 1", "D_W 2 1, D_W 3 1, D_W 1 1", {}},
         {"one block stays", 4, 0, "", "", "D_W 5 1", "D_W 1 1", "", "", "D_W 1 1", {}},
@@ -179,7 +135,7 @@ TEST_F(ScheduleTest, BookkeepingAfterEachKindOfRequest)
 
 TEST_F(ScheduleTest, RecipeDownloadGoesFirstBlockByBlock)
 {
-    threeRecipeBlocks();
+    recipeVars("D_W 10 2, D_W 20 1, D_W 30 1"); // buffer words 0-1, 2, 3
     for (int i = 0; i < 4; ++i)
         putRecipeWord(i, quint16(0x1111 * (i + 1)));
     watch("D_W 0 1");
@@ -205,7 +161,7 @@ TEST_F(ScheduleTest, RecipeDownloadGoesFirstBlockByBlock)
 
 TEST_F(ScheduleTest, FailedRecipeTransferIsAbandoned)
 {
-    threeRecipeBlocks();
+    recipeVars("D_W 10 2, D_W 20 1, D_W 30 1"); // buffer words 0-1, 2, 3
     status[STATUS_RECIPE_WRITE] = 1;
     std::vector<int> codes;
     FRAME_PRO f;
@@ -235,26 +191,6 @@ TEST_F(ScheduleTest, StuckRecipeByteDoesNotBlockOtherWork)
         ASSERT_TRUE(nextFrame(f));
         EXPECT_EQ(f.frame[1], 'r');
     }
-}
-
-TEST_F(ScheduleTest, RequestsThatBuildNoFrameAreDropped)
-{
-    watch("Q_W 0 1, D_W 0 1");
-    setData(1, "Q_W", 3, {1}, 1);
-    setData(1, "D_W", 7, {}, 0);
-    std::vector<std::string> sent;
-    for (int i = 0; i < 4; ++i) {
-        FRAME_PRO f;
-        if (!nextFrame(f))
-            continue;
-        sent.push_back(bytesOf(f));
-        EXPECT_EQ(deliver(goodReply(f)), 1);
-    }
-    EXPECT_FALSE(sent.empty());
-    for (const std::string &s : sent)
-        EXPECT_EQ(s, frame("ra0000000255"));
-    EXPECT_TRUE(driver.writeList.isEmpty());
-    EXPECT_EQ(runsOf(driver.readList), "D_W 0 1");
 }
 
 } // namespace

@@ -1,23 +1,30 @@
-// Shared fixture and helpers of the unit and loop tests: a freshly reset
-// driver, a recording value-change callback, reply builders and a small PLC
-// image that answers request frames the way the controller does.
+// Shared harness of the unit, loop and robustness tests: a freshly reset
+// driver, a recording value-change callback, reply builders, and the
+// simulator's memory answering request frames the way the controller does.
 #ifndef XBC_TEST_SUPPORT_H
 #define XBC_TEST_SUPPORT_H
 
 #include "ls_xbc_cpu_direct.h"
 #include "service.h"
 #include "xbc_protocol.h"
+#include "xbc_sim.h"
 
 #include <QStringList>
 
 #include <gtest/gtest.h>
 
+#include <random>
 #include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
 namespace xbc_test {
+
+using xbcsim::AREA_CX;
+using xbcsim::AREA_D;
+using xbcsim::AREA_M;
+using xbcsim::AREA_TX;
 
 // One value-change notification: (id, station, name, address).
 using Note = std::tuple<int, int, std::string, int>;
@@ -42,6 +49,13 @@ inline void recordNote(int id, int station, const QString &name, int address)
             lockHeldDuringCallback = true;
     }
     notes.emplace_back(id, station, name.toStdString(), address);
+}
+inline bool noted(const std::string &name, int address, size_t from = 0)
+{
+    for (size_t i = from; i < notes.size(); ++i)
+        if (std::get<2>(notes[i]) == name && std::get<3>(notes[i]) == address)
+            return true;
+    return false;
 }
 
 inline KEY_ADDRESS key(int station, const QString &reg, int address, int count, int dataKind = 0)
@@ -101,24 +115,23 @@ inline std::string bytesOf(const FRAME_PRO &f)
 {
     return std::string(reinterpret_cast<const char *>(f.frame), size_t(qMax(0, f.frameLen)));
 }
-inline std::string hexPair(unsigned v)
-{
-    return {"0123456789ABCDEF"[(v >> 4) & 15], "0123456789ABCDEF"[v & 15]};
-}
 // A reply: ACK, one character, the data, the checksum pair of both, EOT.
+// Built here by hand so that a wrong sum on either side shows.
 inline QByteArray reply(const std::string &charAndData)
 {
     unsigned sum = 0;
     for (unsigned char c : charAndData)
         sum += c;
-    return QByteArray::fromStdString("\x06" + charAndData + hexPair(sum) + "\x04");
+    const char *hex = "0123456789ABCDEF";
+    return QByteArray::fromStdString("\x06" + charAndData + hex[(sum >> 4) & 15] + hex[sum & 15] +
+                                     "\x04");
 }
 inline QByteArray readReply(const std::vector<quint16> &words)
 {
-    std::string body = "r";
+    QByteArray body = "r";
     for (quint16 w : words)
-        body += hexPair(w & 0xFF) + hexPair(w >> 8);
-    return reply(body);
+        body += xbcsim::hex16(w);
+    return reply(body.toStdString());
 }
 
 inline int deliver(const QByteArray &r)
@@ -145,18 +158,27 @@ inline int setData(int station, const char *reg, int start, std::vector<unsigned
     data.resize(qMax<size_t>(data.size(), 4096));
     return intf_setData(station, reg, start, count, data.data(), tag);
 }
+// The values shown to the runtime; bytes past them must stay untouched.
 inline std::vector<unsigned char> getData(int station, const char *reg, int start, int count,
                                           int bytesPerValue)
 {
-    std::vector<unsigned char> out(size_t(qMax(0, count * bytesPerValue)) + 8, 0xEE);
+    const size_t n = size_t(qMax(0, count * bytesPerValue));
+    std::vector<unsigned char> out(n + 8, 0xEE);
     intf_getData(station, reg, start, count, out.data());
-    out.resize(size_t(qMax(0, count * bytesPerValue)));
+    EXPECT_EQ(std::vector<unsigned char>(out.begin() + long(n), out.end()),
+              std::vector<unsigned char>(8, 0xEE))
+        << "written past " << count << " values of " << reg;
+    out.resize(n);
     return out;
 }
-inline quint16 word16(int station, const char *reg, int address)
+inline int word16(int station, const char *reg, int address)
 {
     std::vector<unsigned char> b = getData(station, reg, address, 1, 2);
-    return quint16(b[0] | (b[1] << 8));
+    return b[0] | (b[1] << 8);
+}
+inline int bit(int station, const char *reg, int address)
+{
+    return getData(station, reg, address, 1, 1)[0];
 }
 inline const _DATA_ *findArea(int station, const char *name, int address)
 {
@@ -166,85 +188,70 @@ inline const _DATA_ *findArea(int station, const char *name, int address)
     return nullptr;
 }
 
-// A small controller image: memory-area letter -> 16-bit words. TX and CX
-// contact c is bit c % 16 of word c / 16 of their letters. Malformed requests
-// fail the test.
-class FakePlc {
-  public:
+// The controller: the simulator's memory behind a link that can lose or spoil
+// replies. Unless the link is faulty, a request it refuses fails the test.
+struct Plc {
+    xbcsim::Memory mem = xbcsim::makeMemory();
+    xbcsim::FaultState faults;
     std::vector<std::string> received;
-    bool answerGarbage = false;
+    bool linkDown = false; // frames do not arrive, nothing comes back
+    int lostPercent = 0;   // the same, for a share of the frames
+    std::mt19937 lossDraw{7};
 
-    quint16 &at(char area, int word)
+    Plc() { xbcsim::resetFaults(faults, xbcsim::FaultConfig{}); }
+    quint16 word(int area, int w) const { return xbcsim::wordAt(mem, area, w); }
+    void set(int area, int w, quint16 v) { xbcsim::setWordAt(mem, area, w, v); }
+    int bit(int area, int b) const { return xbcsim::bitAt(mem, area, b); }
+
+    // One exchange as a runtime that flushes stale input before it transmits:
+    // a doubled reply's second copy is never seen, a lost or late one arrives
+    // as nothing. Returns the code of intf_dealRcvFrame, -1 when nothing to send.
+    int exchange()
     {
-        QVector<quint16> &m = mem[area];
-        if (m.size() <= word)
-            m.resize(word + 1);
-        return m[word];
+        FRAME_PRO f;
+        if (!nextFrame(f))
+            return -1;
+        QByteArray answer;
+        if (f.frameLen > 0 && !linkDown && int(lossDraw() % 100) >= lostPercent) {
+            received.push_back(bytesOf(f));
+            const QByteArray request = QByteArray::fromStdString(received.back());
+            const QByteArray r = xbcsim::answerFrame(mem, request);
+            if (r.startsWith(char(NAK)))
+                ADD_FAILURE() << "refused: " << xbcsim::printable(request).toStdString();
+            const QList<QByteArray> chunks = xbcsim::applyFaults(faults, r);
+            if (!chunks.isEmpty() && faults.config.delayMs == 0)
+                answer = chunks.first();
+        }
+        return deliver(answer);
     }
-
-    QByteArray answer(const std::string &req)
-    {
-        received.push_back(req);
-        if (answerGarbage)
-            return QByteArray("\x06rXYZ\x04");
-        const int n = int(req.size());
-        bool ok =
-            n >= 14 && req[0] == '\x02' && req[size_t(n - 1)] == '\x03' && req.substr(7, 2) == "00";
-        unsigned sum = 0;
-        for (int i = 1; ok && i <= n - 4; ++i) {
-            sum += static_cast<unsigned char>(req[size_t(i)]);
-            ok = i < 3 || nibble(req[size_t(i)]) >= 0; // upper-case hex after the letters
-        }
-        ok = ok && req.substr(size_t(n - 3), 2) == hexPair(sum);
-        const char cmd = ok ? req[1] : 0, area = ok ? req[2] : 0;
-        const int word = ok ? (pair(req, 3) | (pair(req, 5) << 8)) / 2 : 0;
-        if (cmd == 'r' && n == 14) {
-            std::string body = "r";
-            for (int i = 0; i < pair(req, 9) / 2; ++i)
-                body += hexPair(at(area, word + i) & 0xFF) + hexPair(at(area, word + i) >> 8);
-            return reply(body);
-        }
-        if (cmd == 'w' && n == 14 + 2 * pair(req, 9)) {
-            for (int i = 0; i < pair(req, 9) / 2; ++i)
-                at(area, word + i) = quint16(pair(req, 11 + 4 * i) | (pair(req, 13 + 4 * i) << 8));
-            return reply("w");
-        }
-        if ((cmd == 'o' || cmd == 'n') && n == 16) {
-            const quint16 mask = quint16(pair(req, 9) | (pair(req, 11) << 8));
-            at(area, word) = cmd == 'o' ? (at(area, word) | mask) : (at(area, word) & mask);
-            return reply("w");
-        }
-        ADD_FAILURE() << "bad request " << testing::PrintToString(req);
-        return {};
-    }
-
-    // Runs the loop for at most maxFrames frames or until nothing is left to
-    // send; returns the codes of intf_dealRcvFrame.
     std::vector<int> pump(int maxFrames)
     {
         std::vector<int> codes;
-        FRAME_PRO f;
-        while (int(codes.size()) < maxFrames && nextFrame(f))
-            codes.push_back(deliver(answer(bytesOf(f))));
+        for (int c = 0; int(codes.size()) < maxFrames && (c = exchange()) >= 0;)
+            codes.push_back(c);
         return codes;
     }
     std::string commands() const
     {
         std::string out;
         for (const std::string &r : received)
-            out += r.size() > 1 ? r[1] : '?';
+            out += r[1];
         return out;
     }
-
-  private:
-    QHash<char, QVector<quint16>> mem;
-    static int nibble(char c)
+    static bool busy()
     {
-        return c >= '0' && c <= '9' ? c - '0' : c >= 'A' && c <= 'F' ? c - 'A' + 10 : -1;
+        return !driver.writeList.isEmpty() || !driver.conditionReadList.isEmpty() ||
+               !driver.sendList.isEmpty();
     }
-    static int pair(const std::string &s, int at)
+    // Runs until nothing is pending, then polls every block `cycles` more
+    // times; bounded, so a driver that never settles fails instead of hanging.
+    void drain(int cycles = 2, int bound = 20000)
     {
-        return nibble(s[size_t(at)]) * 16 + nibble(s[size_t(at + 1)]);
+        int i = 0;
+        for (; i < bound && busy(); ++i)
+            exchange();
+        for (int j = 0; j < cycles * (driver.readList.size() + 1) && i < bound; ++j, ++i)
+            exchange();
     }
 };
 
@@ -255,11 +262,9 @@ class DriverTest : public ::testing::Test {
     std::vector<unsigned char> status = std::vector<unsigned char>(65536, 0);
     std::vector<unsigned char> recipe = std::vector<unsigned char>(8192, 0);
     QMutex lock;
+    Plc plc;
 
-    void SetUp() override
-    {
-        reset("3#0#0#3#64");
-    }
+    void SetUp() override { reset("3#0#0#3#64"); }
     void TearDown() override
     {
         EXPECT_FALSE(lockHeldDuringCallback) << "callback ran under a driver or host lock";
@@ -273,25 +278,37 @@ class DriverTest : public ::testing::Test {
         QVector<_RCP_VAR_PRO> none;
         intf_setRcpAddress(&none);
         driver.rcpIndex = 0;
-        driver.pendingNotes.clear();
+        deliverPendingNotes();
         notes.clear();
         lockHeldDuringCallback = false;
         hostLock = &lock;
+        plc = Plc();
     }
-    void watch(const char *text)
+    void watch(const char *text, int dataKind = 0)
     {
-        QList<KEY_ADDRESS> list = runs(text);
+        QList<KEY_ADDRESS> list = runs(text, dataKind);
         intf_addrMerge(&list);
         notes.clear();
+    }
+    // Recipe variables of this driver; buffer words follow one another.
+    void recipeVars(const char *text)
+    {
+        QVector<_RCP_VAR_PRO> vars;
+        int buffer = 0;
+        for (const KEY_ADDRESS &k : runs(text)) {
+            vars.append({3, 1, k.regName, k.address, k.count, buffer, 0});
+            buffer += k.count;
+        }
+        ASSERT_EQ(intf_setRcpAddress(&vars), vars.size());
     }
     void putRecipeWord(int index, quint16 w)
     {
         recipe[size_t(2 * index)] = w & 0xFF;
         recipe[size_t(2 * index + 1)] = w >> 8;
     }
-    quint16 recipeWord(int index) const
+    int recipeWord(int index) const
     {
-        return quint16(recipe[size_t(2 * index)] | (recipe[size_t(2 * index + 1)] << 8));
+        return recipe[size_t(2 * index)] | (recipe[size_t(2 * index + 1)] << 8);
     }
 };
 

@@ -1,185 +1,145 @@
-// Faults on the replies: after each, the driver recovers by itself, every write
-// either reaches the PLC or is reported through the callback, and the shown
-// values converge to the PLC's memory.
-#include "rig.h"
+// Faults on the replies and a link that drops mid-request: afterwards the
+// driver recovers by itself, every write either reaches the PLC or is reported
+// through the callback, and the shown values converge to the PLC's memory.
+#include "test_support.h"
 
-#include <gtest/gtest.h>
+using namespace xbc_test;
 
 namespace {
 
-using xbcsim::AREA_D;
-using xbcsim::AREA_M;
-using xbcsim::AREA_TX;
+struct Written {
+    std::string reg;
+    int address, value;
+};
+
+// Writes consecutive values as one request and logs each element.
+void write(std::vector<Written> &log, const char *reg, int start, const std::vector<int> &values)
+{
+    const bool isWord = std::string(reg) == "D_W";
+    std::vector<unsigned char> data;
+    for (size_t i = 0; i < values.size(); ++i) {
+        data.push_back(static_cast<unsigned char>(values[i]));
+        if (isWord)
+            data.push_back(static_cast<unsigned char>(values[i] >> 8));
+        log.push_back({reg, start + int(i), values[i]});
+    }
+    setData(1, reg, start, data, int(values.size()));
+}
+
+// Each logged write landed or was reported after `notesFrom`, and the driver
+// shows what the PLC holds. Returns how many landed.
+int expectSettled(const Plc &plc, const std::vector<Written> &log, size_t notesFrom)
+{
+    int landed = 0;
+    for (const Written &w : log) {
+        SCOPED_TRACE(w.reg + " " + std::to_string(w.address));
+        const bool isWord = w.reg == "D_W";
+        const int inPlc = isWord ? plc.word(AREA_D, w.address)
+                                 : plc.bit(w.reg == "TX" ? AREA_TX : AREA_M, w.address);
+        if (inPlc == w.value)
+            ++landed;
+        else
+            EXPECT_TRUE(noted(w.reg, w.address, notesFrom)) << "a lost write was not reported";
+        EXPECT_EQ(isWord ? word16(1, "D_W", w.address) : bit(1, w.reg.c_str(), w.address), inPlc);
+    }
+    EXPECT_TRUE(driver.writeList.isEmpty());
+    return landed;
+}
 
 struct FaultCase {
     const char *name;
-    xbcsim::FaultConfig faults;
-    int lostRequestPercent;
+    int drop, corrupt, truncate, twice, lostRequests;
+    quint32 seed;
 };
 
-// One element written by the test, and how to read it back on both sides.
-struct Written {
-    const char *reg;
-    int address;
-    int value;
-};
-
-int plcValue(Rig &rig, const Written &w)
-{
-    if (QLatin1String(w.reg) == QLatin1String("D_W"))
-        return xbcsim::wordAt(rig.mem, AREA_D, w.address);
-    if (QLatin1String(w.reg) == QLatin1String("M_bit"))
-        return xbcsim::bitAt(rig.mem, AREA_M, w.address);
-    return xbcsim::bitAt(rig.mem, AREA_TX, w.address);
-}
-
-int shown(const Written &w)
-{
-    return QLatin1String(w.reg) == QLatin1String("D_W") ? shownWord(1, w.reg, w.address)
-                                                        : shownBit(1, w.reg, w.address);
-}
-
-void writeWords(QList<Written> &log, int start, const QList<int> &values)
-{
-    QByteArray data;
-    for (int i = 0; i < values.size(); ++i) {
-        data.append(char(values[i] & 0xFF));
-        data.append(char(values[i] >> 8));
-        log.append(Written{"D_W", start + i, values[i]});
-    }
-    intf_setData(1, QStringLiteral("D_W"), start, values.size(),
-                 reinterpret_cast<unsigned char *>(data.data()), 0);
-}
-
-void writeBits(QList<Written> &log, const char *reg, int start, const QList<int> &values)
-{
-    QByteArray data;
-    for (int i = 0; i < values.size(); ++i) {
-        data.append(char(values[i]));
-        log.append(Written{reg, start + i, values[i]});
-    }
-    intf_setData(1, QString::fromLatin1(reg), start, values.size(),
-                 reinterpret_cast<unsigned char *>(data.data()), 0);
-}
-
-class FaultRecovery : public ::testing::TestWithParam<FaultCase> {};
+class FaultRecovery : public DriverTest, public ::testing::WithParamInterface<FaultCase> {};
 
 TEST_P(FaultRecovery, WritesLandOrAreReportedAndValuesConverge)
 {
-    Rig rig("1#0#0#3#16");
-    rig.watch({key(1, "D_W", 0, 64), key(1, "M_bit", 0, 64, -1), key(1, "TX", 0, 32, -1)});
+    const FaultCase &c = GetParam();
+    reset("1#0#0#3#16");
+    watch("D_W 0 64, M_bit 0 64, TX 0 32");
     for (int a = 50; a < 64; ++a)
-        xbcsim::setWordAt(rig.mem, AREA_D, a, quint16(0x100 + a)); // only the PLC knows these
-    rig.drain(1);
+        plc.set(AREA_D, a, quint16(0x100 + a)); // only the PLC knows these
+    plc.drain(1);
 
-    xbcsim::FaultConfig faults = GetParam().faults;
-    xbcsim::resetFaults(rig.faults, faults);
-    rig.lostRequestPercent = GetParam().lostRequestPercent;
-    QList<Written> log;
+    xbcsim::FaultConfig faults;
+    faults.dropPercent = c.drop;
+    faults.corruptPercent = c.corrupt;
+    faults.truncatePercent = c.truncate;
+    faults.doublePercent = c.twice;
+    faults.seed = c.seed;
+    xbcsim::resetFaults(plc.faults, faults);
+    plc.lostPercent = c.lostRequests;
+    std::vector<Written> log;
     for (int a = 0; a < 30; ++a)
-        writeWords(log, a, {1000 + a});
-    writeWords(log, 30, {7, 8, 9, 10, 11, 12, 13, 14, 15, 16}); // one request, ten words
-    writeBits(log, "M_bit", 3, {1});
-    writeBits(log, "M_bit", 17, {1});
-    writeBits(log, "M_bit", 40, {1, 0, 1, 1, 0, 1}); // read, then write back
-    writeBits(log, "TX", 0, {1, 1, 0, 1, 1});        // one frame per contact
-    writeBits(log, "TX", 10, {1});
-    const size_t afterWrites = noteLog().size();
+        write(log, "D_W", a, {1000 + a});
+    write(log, "D_W", 30, {7, 8, 9, 10, 11, 12, 13, 14, 15, 16}); // one request, ten words
+    write(log, "M_bit", 3, {1});
+    write(log, "M_bit", 17, {1});
+    write(log, "M_bit", 40, {1, 0, 1, 1, 0, 1}); // read, then write back
+    write(log, "TX", 0, {1, 1, 0, 1, 1});        // one frame per contact
+    const size_t afterWrites = notes.size();
 
-    for (int i = 0; i < 3000 && (Rig::busy() || i < 200); ++i)
-        rig.exchange();
-    EXPECT_FALSE(Rig::busy()) << "writes still queued after the bounded run";
+    for (int i = 0; i < 3000 && (Plc::busy() || i < 200); ++i)
+        plc.exchange();
+    EXPECT_FALSE(Plc::busy()) << "writes still queued after the bounded run";
+    xbcsim::resetFaults(plc.faults, xbcsim::FaultConfig{});
+    plc.lostPercent = 0;
+    plc.drain(2);
 
-    xbcsim::resetFaults(rig.faults, xbcsim::FaultConfig{});
-    rig.lostRequestPercent = 0;
-    rig.drain(2);
-
-    int landed = 0;
-    for (const Written &w : log) {
-        SCOPED_TRACE(
-            QStringLiteral("%1 %2").arg(QLatin1String(w.reg)).arg(w.address).toStdString());
-        if (plcValue(rig, w) == w.value) {
-            ++landed;
-        } else {
-            EXPECT_TRUE(noteLog().has(QLatin1String(w.reg), w.address, afterWrites))
-                << "a write that did not land was not reported";
-        }
-        EXPECT_EQ(shown(w), plcValue(rig, w));
-    }
-    EXPECT_GT(landed, log.size() / 2);
+    EXPECT_GT(expectSettled(plc, log, afterWrites), int(log.size()) / 2);
     for (int a = 0; a < 64; ++a)
-        ASSERT_EQ(shownWord(1, "D_W", a), xbcsim::wordAt(rig.mem, AREA_D, a)) << "D_W " << a;
+        ASSERT_EQ(word16(1, "D_W", a), plc.word(AREA_D, a)) << "D_W " << a;
     for (int b = 0; b < 64; ++b)
-        ASSERT_EQ(shownBit(1, "M_bit", b), int(xbcsim::bitAt(rig.mem, AREA_M, b))) << "M_bit " << b;
+        ASSERT_EQ(bit(1, "M_bit", b), plc.bit(AREA_M, b)) << "M_bit " << b;
     for (int b = 0; b < 32; ++b)
-        ASSERT_EQ(shownBit(1, "TX", b), int(xbcsim::bitAt(rig.mem, AREA_TX, b))) << "TX " << b;
-}
-
-xbcsim::FaultConfig faultsOf(int drop, int corrupt, int truncate, int twice, quint32 seed)
-{
-    xbcsim::FaultConfig c;
-    c.dropPercent = drop;
-    c.corruptPercent = corrupt;
-    c.truncatePercent = truncate;
-    c.doublePercent = twice;
-    c.seed = seed;
-    return c;
+        ASSERT_EQ(bit(1, "TX", b), plc.bit(AREA_TX, b)) << "TX " << b;
 }
 
 INSTANTIATE_TEST_SUITE_P(Faults, FaultRecovery,
-                         ::testing::Values(FaultCase{"none", faultsOf(0, 0, 0, 0, 1), 0},
-                                           FaultCase{"dropped", faultsOf(40, 0, 0, 0, 2), 0},
-                                           FaultCase{"corrupted", faultsOf(0, 40, 0, 0, 3), 0},
-                                           FaultCase{"truncated", faultsOf(0, 0, 40, 0, 4), 0},
-                                           FaultCase{"doubled", faultsOf(0, 0, 0, 50, 5), 0},
-                                           FaultCase{"requests_lost", faultsOf(0, 0, 0, 0, 6), 45},
-                                           FaultCase{"mixed", faultsOf(15, 15, 15, 15, 7), 15}),
+                         ::testing::Values(FaultCase{"none", 0, 0, 0, 0, 0, 1},
+                                           FaultCase{"dropped", 40, 0, 0, 0, 0, 2},
+                                           FaultCase{"corrupted", 0, 40, 0, 0, 0, 3},
+                                           FaultCase{"truncated", 0, 0, 40, 0, 0, 4},
+                                           FaultCase{"doubled", 0, 0, 0, 50, 0, 5},
+                                           FaultCase{"requests_lost", 0, 0, 0, 0, 45, 6},
+                                           FaultCase{"mixed", 15, 15, 15, 15, 15, 7}),
                          [](const ::testing::TestParamInfo<FaultCase> &info) {
                              return std::string(info.param.name);
                          });
 
 // The link goes down after the first frame of a request of several frames and
-// stays down for `silentReplies` replies.
+// stays down for `silentReplies` replies: two are retried, three abandon it.
 struct LinkDropCase {
     const char *reg;
     int start;
-    QList<int> values;
+    std::vector<int> values;
     int silentReplies;
     bool lands;
 };
 
-class LinkDrop : public ::testing::TestWithParam<LinkDropCase> {};
+class LinkDrop : public DriverTest, public ::testing::WithParamInterface<LinkDropCase> {};
 
 TEST_P(LinkDrop, MultiFrameWriteFinishesOrIsReported)
 {
     const LinkDropCase &c = GetParam();
-    Rig rig("1#0#0#3#16");
-    rig.watch({key(1, "M_bit", 0, 64, -1), key(1, "TX", 0, 32, -1)});
-    rig.drain(1);
-    QList<Written> log;
-    writeBits(log, c.reg, c.start, c.values);
-    const size_t afterWrite = noteLog().size();
+    reset("1#0#0#3#16");
+    watch("M_bit 0 64, TX 0 32");
+    plc.drain(1);
+    std::vector<Written> log;
+    write(log, c.reg, c.start, c.values);
+    const size_t afterWrite = notes.size();
 
-    ASSERT_EQ(rig.exchange(), 1); // the first frame is answered
-    rig.linkDown = true;
-    int last = 0;
+    ASSERT_EQ(plc.exchange(), 1); // the first frame is answered
+    plc.linkDown = true;
+    std::vector<int> codes;
     for (int i = 0; i < c.silentReplies; ++i)
-        last = rig.exchange();
-    EXPECT_EQ(last, c.silentReplies >= 3 ? 2 : 8);
-    rig.linkDown = false;
-    rig.drain(2);
-
-    EXPECT_TRUE(driver.writeList.isEmpty());
-    bool allLanded = true;
-    for (const Written &w : log) {
-        const bool landed = plcValue(rig, w) == w.value;
-        allLanded = allLanded && landed;
-        if (!landed) {
-            EXPECT_TRUE(noteLog().has(QLatin1String(w.reg), w.address, afterWrite)) << w.address;
-        }
-        EXPECT_EQ(shown(w), plcValue(rig, w)) << w.address;
-    }
-    EXPECT_EQ(allLanded, c.lands);
+        codes.push_back(plc.exchange());
+    EXPECT_EQ(codes.back(), c.silentReplies >= 3 ? 2 : 8);
+    plc.linkDown = false;
+    plc.drain(2);
+    EXPECT_EQ(expectSettled(plc, log, afterWrite) == int(log.size()), c.lands);
 }
 
 INSTANTIATE_TEST_SUITE_P(Links, LinkDrop,

@@ -1,14 +1,13 @@
 // A screen thread reading, writing and asking for condition reads while the
 // communication thread runs the exchange loop. Run under ThreadSanitizer in the
 // test command; here it also checks that no write is lost and values converge.
-#include "rig.h"
-
-#include <gtest/gtest.h>
+#include "test_support.h"
 
 #include <QElapsedTimer>
 
 #include <atomic>
-#include <thread>
+
+using namespace xbc_test;
 
 namespace {
 
@@ -27,33 +26,31 @@ void screenCallback(int id, int station, const QString &name, int address)
     callbackReads++;
 }
 
-TEST(ThreadStress, ScreenAndCommunicationThreadsShareTheDriver)
+using ThreadStress = DriverTest;
+
+TEST_F(ThreadStress, ScreenAndCommunicationThreadsShareTheDriver)
 {
-    Rig rig("1#0#0#3#32");
+    reset("1#0#0#3#32");
     intf_setAddrValueChangeCallBack(screenCallback);
-    rig.watch({key(1, "D_W", 0, 100), key(1, "M_bit", 0, 128, -1), key(1, "TX", 0, 40, -1)});
+    watch("D_W 0 100, M_bit 0 128, TX 0 40");
 
     std::atomic<bool> stop{false};
-    std::atomic<int> conditionReadsAsked{0};
     int lastWritten[100] = {};
     std::thread screen([&] {
         QElapsedTimer clock;
         clock.start();
         for (int i = 0; clock.elapsed() < 1500 && i < 20000; ++i) {
-            const int a = i % 100;
-            const int value = 1 + i;
+            const int a = i % 100, value = 1 + i;
             unsigned char word[2] = {(unsigned char)(value & 0xFF), (unsigned char)(value >> 8)};
             intf_setData(1, QStringLiteral("D_W"), a, 1, word, i);
             lastWritten[a] = value & 0xFFFF;
-            unsigned char bit[1] = {(unsigned char)(i & 1)};
-            intf_setData(1, QStringLiteral("M_bit"), 100 + i % 20, 1, bit, i);
+            unsigned char bitValue[1] = {(unsigned char)(i & 1)};
+            intf_setData(1, QStringLiteral("M_bit"), 100 + i % 20, 1, bitValue, i);
             unsigned char out[64];
             intf_getData(1, QStringLiteral("D_W"), 0, 32, out);
             intf_getData(1, QStringLiteral("TX"), 0, 40, out);
-            if (i % 50 == 0) {
+            if (i % 50 == 0)
                 intf_addConditionRead(key(1, "D_W", 200 + i % 7, 5), i);
-                conditionReadsAsked++;
-            }
             if (i % 8 == 0)
                 std::this_thread::yield();
         }
@@ -61,11 +58,11 @@ TEST(ThreadStress, ScreenAndCommunicationThreadsShareTheDriver)
     });
     std::thread communication([&] {
         while (!stop)
-            rig.exchange();
+            plc.exchange();
     });
     screen.join();
     communication.join();
-    rig.drain(2);
+    plc.drain(2);
 
     EXPECT_TRUE(driver.writeList.isEmpty());
     EXPECT_GT(conditionReadsDone.load(), 0);
@@ -74,8 +71,8 @@ TEST(ThreadStress, ScreenAndCommunicationThreadsShareTheDriver)
     for (int a = 0; a < 100; ++a) {
         if (lastWritten[a] == 0)
             continue;
-        EXPECT_EQ(xbcsim::wordAt(rig.mem, xbcsim::AREA_D, a), lastWritten[a]) << a;
-        EXPECT_EQ(shownWord(1, "D_W", a), lastWritten[a]) << a;
+        EXPECT_EQ(plc.word(AREA_D, a), lastWritten[a]) << a;
+        EXPECT_EQ(word16(1, "D_W", a), lastWritten[a]) << a;
     }
 }
 
