@@ -47,25 +47,27 @@
 #define XBC_EXPORT extern "C" __attribute__((visibility("default")))
 
 // ---------------------------------------------------------------------------
-// Register tables and protocol strings (read-only after load).
+// Register tables and protocol strings (read-only after load). Built on the
+// heap, not from literals: strings the runtime keeps stay valid after it has
+// unloaded the library.
 
-inline const QString PROCOTOL_DEFALT_COM_PAR = QStringLiteral("115200,8,NONE,1");
+inline const QString PROCOTOL_DEFALT_COM_PAR = QString::fromLatin1("115200,8,NONE,1");
 // Data only: the PLC address a new project starts from. Never contacted by us.
-inline const QString PROCOTOL_DEFALT_IP_PAR = QStringLiteral("192.168.1.10,8000");
-inline const QString PROCOTOL_NAME = QStringLiteral("ls_xbc_cpu_direct");
-inline const QString PROCOTOL_VERSION = QStringLiteral("2.0.0.0");
-inline const QString PROCOTOL_PAR_HMI_SET_MODE = QStringLiteral("0_0");
+inline const QString PROCOTOL_DEFALT_IP_PAR = QString::fromLatin1("192.168.1.10,8000");
+inline const QString PROCOTOL_NAME = QString::fromLatin1("ls_xbc_cpu_direct");
+inline const QString PROCOTOL_VERSION = QString::fromLatin1("2.0.0.0");
+inline const QString PROCOTOL_PAR_HMI_SET_MODE = QString::fromLatin1("0_0");
 
 constexpr int REG_COUNT = 18;
 constexpr int REG_FALLBACK_ROW = 18;
 
 inline const QString REG_LIST[REG_COUNT] = {
-    QStringLiteral("P_W"),   QStringLiteral("M_W"),   QStringLiteral("L_W"),
-    QStringLiteral("K_W"),   QStringLiteral("F_W"),   QStringLiteral("D_W"),
-    QStringLiteral("S_W"),   QStringLiteral("T_W"),   QStringLiteral("C_W"),
-    QStringLiteral("N_W"),   QStringLiteral("Z_W"),   QStringLiteral("P_bit"),
-    QStringLiteral("M_bit"), QStringLiteral("L_bit"), QStringLiteral("K_bit"),
-    QStringLiteral("F_bit"), QStringLiteral("TX"),    QStringLiteral("CX")};
+    QString::fromLatin1("P_W"),   QString::fromLatin1("M_W"),   QString::fromLatin1("L_W"),
+    QString::fromLatin1("K_W"),   QString::fromLatin1("F_W"),   QString::fromLatin1("D_W"),
+    QString::fromLatin1("S_W"),   QString::fromLatin1("T_W"),   QString::fromLatin1("C_W"),
+    QString::fromLatin1("N_W"),   QString::fromLatin1("Z_W"),   QString::fromLatin1("P_bit"),
+    QString::fromLatin1("M_bit"), QString::fromLatin1("L_bit"), QString::fromLatin1("K_bit"),
+    QString::fromLatin1("F_bit"), QString::fromLatin1("TX"),    QString::fromLatin1("CX")};
 
 // Columns of ADDRESS_RANGE_PRO.
 enum { COL_FORMAT, COL_MIN, COL_MAX, COL_DATA_BITS, COL_ACCESS, COL_UNIT_BITS };

@@ -110,7 +110,7 @@ int multiCp(const QString &regName, const QString &format, int start, int copies
             text = addr_int2str(address, regName);
             if (text.isEmpty())
                 return 2;
-        } else if (!format.isEmpty() && QStringLiteral("DHO").contains(format.at(0))) {
+        } else if (!format.isEmpty() && QString::fromLatin1("DHO").contains(format.at(0))) {
             text = formatPlainAddress(format, address);
         }
         values.append(address);

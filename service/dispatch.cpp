@@ -11,7 +11,7 @@ QString getErrorInfo(QByteArray reply)
     QString addressText = addr_int2str(var.address, var.regName);
     if (addressText.isEmpty())
         addressText = formatPlainAddress(ADDRESS_RANGE_PRO[index][COL_FORMAT], var.address);
-    return QStringLiteral("%1#%2%3(%4)(%5)")
+    return QString::fromLatin1("%1#%2%3(%4)(%5)")
         .arg(QString::number(var.stationNo), var.regName, addressText, QString::number(var.count),
              QString::number(reply.size()));
 }
@@ -113,7 +113,7 @@ static void fillRecipeBuffer(const QByteArray &reply, int count, int start, cons
             const int p = start + int(rel) * 4;
             driver.rcpBuffer[word * 2] = asc2hex(reply, p);
             driver.rcpBuffer[word * 2 + 1] = asc2hex(reply, p + 2);
-            notifyHost(0, -1, QStringLiteral("RWI"), int(word));
+            notifyHost(0, -1, QString::fromLatin1("RWI"), int(word));
         }
     }
 }

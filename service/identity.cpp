@@ -20,7 +20,7 @@ void intf_getDriverParameter(QString &param)
         DriverCall call;
         names = QStringList(driver.regNameList);
     }
-    param = QStringLiteral("%1,%2,%3,%4,%5,%6,%7")
+    param = QString::fromLatin1("%1,%2,%3,%4,%5,%6,%7")
                 .arg(QString::number(0), PROCOTOL_DEFALT_COM_PAR, QString::number(0),
                      QString::number(1), PROCOTOL_DEFALT_IP_PAR, PROCOTOL_NAME,
                      names.join(QLatin1Char(',')));
@@ -56,19 +56,19 @@ int intf_getRegListByType(int type, QList<QString> &names)
 static QString widthCode(const QString &dataBits)
 {
     if (dataBits == QLatin1String("1"))
-        return QStringLiteral("0");
+        return QString::fromLatin1("0");
     if (dataBits == QLatin1String("32"))
-        return QStringLiteral("2");
-    return QStringLiteral("1");
+        return QString::fromLatin1("2");
+    return QString::fromLatin1("1");
 }
 
 static QString accessCode(const QString &access)
 {
     if (access == QLatin1String("R"))
-        return QStringLiteral("0");
+        return QString::fromLatin1("0");
     if (access == QLatin1String("W"))
-        return QStringLiteral("2");
-    return QStringLiteral("1");
+        return QString::fromLatin1("2");
+    return QString::fromLatin1("1");
 }
 
 int intf_getRegDiscription(const QString &regName, QList<QString> &items)

@@ -54,7 +54,7 @@ static void dropUnsendableConditionRead()
     if (driver.conditionReadList.isEmpty())
         return;
     if (sameRequest(driver.conditionReadList.first(), driver.lastConditionRead))
-        notifyHost(-1, -1, QStringLiteral("-1"), -1);
+        notifyHost(-1, -1, QString::fromLatin1("-1"), -1);
     driver.conditionReadList.removeFirst();
 }
 
@@ -194,11 +194,11 @@ void dealListWhenFinish()
     case 3:
         if (!driver.conditionReadList.isEmpty() &&
             sameRequest(driver.conditionReadList.first(), driver.lastConditionRead)) {
-            notifyHost(-1, -1, QStringLiteral("-1"), driver.commError ? -1 : 0);
+            notifyHost(-1, -1, QString::fromLatin1("-1"), driver.commError ? -1 : 0);
         } else if (driver.commError && lastConditionReadQueued()) {
             // A failed piece drops the rest of the condition read with it: its
             // end is reported now, or the runtime would wait for it for ever.
-            notifyHost(-1, -1, QStringLiteral("-1"), -1);
+            notifyHost(-1, -1, QString::fromLatin1("-1"), -1);
         }
         if (driver.commError)
             driver.conditionReadList.clear();
