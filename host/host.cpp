@@ -1,6 +1,7 @@
 // The runtime's side of a communication run: setup, the value-change
 // callback, writes, condition reads, recipes and the send/receive loop.
 #include "xbc_host.h"
+#include "xbc_sim.h"
 
 #include <QDateTime>
 #include <QEventLoop>
@@ -29,24 +30,6 @@ void printLine(Host &host, const QString &text)
     }
 }
 
-QString printableBytes(const QByteArray &bytes)
-{
-    static const char *names[] = {"NUL", "SOH", "STX", "ETX", "EOT", "ENQ", "ACK", "BEL",
-                                  "BS",  "HT",  "LF",  "VT",  "FF",  "CR",  "SO",  "SI",
-                                  "DLE", "DC1", "DC2", "DC3", "DC4", "NAK", "SYN", "ETB",
-                                  "CAN", "EM",  "SUB", "ESC", "FS",  "GS",  "RS",  "US"};
-    QString out;
-    for (char ch : bytes) {
-        const quint8 c = quint8(ch);
-        if (c < 0x20)
-            out += QLatin1Char('<') + QLatin1String(names[c]) + QLatin1Char('>');
-        else if (c < 0x7F)
-            out += QLatin1Char(char(c));
-        else
-            out += QStringLiteral("<0x%1>").arg(QString::number(c, 16).toUpper());
-    }
-    return out;
-}
 
 void traceLine(Host &host, const QString &direction, const QString &text)
 {
@@ -427,10 +410,10 @@ Step exchangeOnce(Host &host)
         const QByteArray bytes(reinterpret_cast<const char *>(f.frame), frameLen);
         sendBytes(device, bytes);
         ++host.stats.framesSent;
-        traceLine(host, QStringLiteral("->"), printableBytes(bytes));
+        traceLine(host, QStringLiteral("->"), xbcsim::printable(bytes));
         reply = collectReply(host, device, f.replyLen);
         traceLine(host, QStringLiteral("<-"),
-                  reply.isEmpty() ? QStringLiteral("(nothing)") : printableBytes(reply));
+                  reply.isEmpty() ? QStringLiteral("(nothing)") : xbcsim::printable(reply));
     }
     QString description;
     const int notesBefore = host.notes.size();
