@@ -194,6 +194,8 @@ struct DataAreaIndex {
     int used = 0;    // slots taken
     int records = 0; // entries of dataAreas the index covers
     QHash<QString, int> areaNumbers;
+    QString lastArea; // the area looked up last, kept so its data stays put
+    int lastAreaNumber = -1;
 
     bool isEmpty() const
     {

@@ -74,7 +74,20 @@ static void growIndex(DataAreaIndex &index)
     }
 }
 
+static int areaNumberOfName(DataAreaIndex &index, const QString &name);
+
 static int areaNumberOf(DataAreaIndex &index, const QString &name)
+{
+    // The units of one key share their area string: no hashing for those.
+    if (index.lastAreaNumber >= 0 && name.constData() == index.lastArea.constData() &&
+        name.size() == index.lastArea.size())
+        return index.lastAreaNumber;
+    index.lastArea = name;
+    index.lastAreaNumber = areaNumberOfName(index, name);
+    return index.lastAreaNumber;
+}
+
+static int areaNumberOfName(DataAreaIndex &index, const QString &name)
 {
     const auto found = index.areaNumbers.constFind(name);
     if (found != index.areaNumbers.constEnd())
