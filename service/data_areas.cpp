@@ -29,11 +29,6 @@ RegisterView registerViewOf(const QString &regName)
     return registerViewFor(regName, regDataBits(regName), regUnitBits(regName));
 }
 
-QString areaNameOf(const QString &regName)
-{
-    return registerViewOf(regName).area;
-}
-
 const unsigned char *shownBytes(const _DATA_ &record)
 {
     return record.writePending ? record.writtenValue : record.value;

@@ -81,7 +81,6 @@ void clearDataAreas();
 QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int count);
 int _setDataAreaMonitorFlag(int stationNo, QString regName, int start, int count);
 int _setBitValue(int value, int bit, int on);
-QString areaNameOf(const QString &regName);
 
 void _bitDataChange(int index);
 void _byteDataChange(unsigned char *oldValue, unsigned char *newValue, int index, int skipBits);
