@@ -137,6 +137,17 @@ void buildImage(int records)
     imageRecords = records;
 }
 
+// Builds the image for a benchmark; false (and the benchmark skipped) when it
+// could not be built.
+bool imageReady(benchmark::State &state, int records)
+{
+    buildImage(records);
+    if (driver.dataAreas.size() == records)
+        return true;
+    state.SkipWithError("image not built");
+    return false;
+}
+
 // A word in the middle of the image.
 void middleWord(int records, int &station, int &address)
 {
@@ -148,11 +159,8 @@ void middleWord(int records, int &station, int &address)
 void BM_GetDataOneWord(benchmark::State &state)
 {
     const int records = int(state.range(0));
-    buildImage(records);
-    if (driver.dataAreas.size() != records) {
-        state.SkipWithError("image not built");
+    if (!imageReady(state, records))
         return;
-    }
     int station = 0, address = 0;
     middleWord(records, station, address);
     const QString reg = QStringLiteral("D_W");
@@ -171,11 +179,8 @@ BENCHMARK(BM_GetDataOneWord)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(1000000);
 void BM_GetDataScattered(benchmark::State &state)
 {
     const int records = int(state.range(0));
-    buildImage(records);
-    if (driver.dataAreas.size() != records) {
-        state.SkipWithError("image not built");
+    if (!imageReady(state, records))
         return;
-    }
     std::mt19937 draw(11);
     std::vector<std::pair<int, int>> words(4096);
     for (auto &w : words) {
@@ -196,11 +201,8 @@ BENCHMARK(BM_GetDataScattered)->Arg(1000)->Arg(1000000);
 void BM_SetDataOneWord(benchmark::State &state)
 {
     const int records = int(state.range(0));
-    buildImage(records);
-    if (driver.dataAreas.size() != records) {
-        state.SkipWithError("image not built");
+    if (!imageReady(state, records))
         return;
-    }
     int station = 0, address = 0;
     middleWord(records, station, address);
     const QString reg = QStringLiteral("D_W");
