@@ -35,14 +35,10 @@
 #define LS_XBC_CPU_DIRECT_H
 
 #include <QByteArray>
-#include <QHash>
 #include <QList>
 #include <QMutex>
 #include <QString>
 #include <QVector>
-
-#include <mutex>
-#include <vector>
 
 #define XBC_EXPORT extern "C" __attribute__((visibility("default")))
 
@@ -164,67 +160,10 @@ struct _RCP_VAR_PRO {
 // The runtime's value-change callback: (driverId, station, register, address).
 typedef void (*AddrValueChangeCallBack)(int, int, const QString &, int);
 
-// Key of one data area record, for the run cache beside dataAreas.
-struct DataAreaKey {
-    int stationNo;
-    QString name;
-    int address;
-    bool operator==(const DataAreaKey &o) const
-    {
-        return stationNo == o.stationNo && address == o.address && name == o.name;
-    }
-};
-inline uint qHash(const DataAreaKey &k, uint seed = 0)
-{
-    return qHash(k.name, seed) ^ (uint(k.stationNo) * 0x9E3779B1u) ^
-           (uint(k.address) * 0x85EBCA77u);
-}
-
-// Lookup index beside dataAreas: (station, area, address) -> record index, in
-// one flat open-addressed table so that a lookup costs about one cache miss
-// however many records there are. Area names are numbered once.
-struct DataAreaIndex {
-    struct Slot {
-        qint32 stationNo;
-        qint32 area;
-        qint32 address;
-        qint32 record; // -1: empty
-    };
-    std::vector<Slot> table;
-    int used = 0;    // slots taken
-    int records = 0; // entries of dataAreas the index covers
-    QHash<QString, int> areaNumbers;
-    QString lastArea; // the area looked up last, kept so its data stays put
-    int lastAreaNumber = -1;
-
-    bool isEmpty() const
-    {
-        return records == 0;
-    }
-    int size() const
-    {
-        return records;
-    }
-};
-
-// One value-change notification waiting to be delivered once the driver has
-// released its own lock. Names the driver forms itself are shared, long-lived
-// strings (`sharedName`), so that a busy reply costs no string copies.
-struct PendingNote {
-    int id;
-    int stationNo;
-    const QString *sharedName;
-    QString ownName;
-    int address;
-    const QString &name() const
-    {
-        return sharedName ? *sharedName : ownName;
-    }
-};
-
 // ---------------------------------------------------------------------------
-// The driver state. Fields up to propertyPage are in interface order; the
-// driver's own additions come after it.
+// The driver state, its fields in interface order. The driver's own
+// bookkeeping (lookup index, its lock, pending notifications) is kept apart,
+// so that this record is exactly what the runtime knows.
 
 class Protocol {
   public:
@@ -266,18 +205,6 @@ class Protocol {
     QMutex dataMutex;
     int rcpIndex = 0;
     QString propertyPage;
-
-    // --- the driver's own additions ---
-    // Lookup index beside dataAreas. Emptied with the list.
-    DataAreaIndex dataAreaIndex;
-    // Record indices of the runs that replies fill, by the run's first key, so
-    // that a reply looks its records up once. Emptied with the list.
-    QHash<DataAreaKey, QVector<int>> dataAreaRuns;
-    // Serialises the runtime's threads on the request lists and data areas. A
-    // standard mutex, so that thread checkers see what it orders.
-    std::mutex stateMutex;
-    // Notifications gathered during one call, delivered after stateMutex is released.
-    std::vector<PendingNote> pendingNotes;
 };
 
 XBC_EXPORT Protocol driver;

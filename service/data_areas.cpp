@@ -94,8 +94,8 @@ static int areaNumberOfName(DataAreaIndex &index, const QString &name)
 
 static void clearIndex()
 {
-    driver.dataAreaIndex = DataAreaIndex();
-    driver.dataAreaRuns.clear();
+    driverPrivate.dataAreaIndex = DataAreaIndex();
+    driverPrivate.dataAreaRuns.clear();
 }
 
 static int appendRecord(int stationNo, const QString &name, int address, QList<_DATA_> &list)
@@ -111,7 +111,7 @@ static int appendRecord(int stationNo, const QString &name, int address, QList<_
 // Slot of the key in the index, taken for `record` when the key is new.
 static DataAreaIndex::Slot &indexKey(int stationNo, const QString &name, int address, int record)
 {
-    DataAreaIndex &index = driver.dataAreaIndex;
+    DataAreaIndex &index = driverPrivate.dataAreaIndex;
     if (2 * (index.used + 1) > int(index.table.size()))
         growIndex(index);
     const int area = areaNumberOf(index, name);
@@ -127,14 +127,14 @@ static void rebuildIndexIfStale()
 {
     // Every path that empties dataAreas empties the index too; this only
     // guards against a list changed behind our back.
-    if (driver.dataAreaIndex.records == driver.dataAreas.size())
+    if (driverPrivate.dataAreaIndex.records == driver.dataAreas.size())
         return;
     clearIndex();
     for (int i = 0; i < driver.dataAreas.size(); ++i) {
         const _DATA_ &r = driver.dataAreas.at(i);
         indexKey(r.stationNo, r.name, r.address, i);
     }
-    driver.dataAreaIndex.records = driver.dataAreas.size();
+    driverPrivate.dataAreaIndex.records = driver.dataAreas.size();
 }
 
 static int indexedRecord(int stationNo, const QString &name, int address)
@@ -144,7 +144,7 @@ static int indexedRecord(int stationNo, const QString &name, int address)
     const DataAreaIndex::Slot &slot = indexKey(stationNo, name, address, next);
     if (slot.record == next) {
         appendRecord(stationNo, name, address, driver.dataAreas);
-        driver.dataAreaIndex.records = driver.dataAreas.size();
+        driverPrivate.dataAreaIndex.records = driver.dataAreas.size();
     }
     return slot.record;
 }
@@ -171,16 +171,16 @@ QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int coun
 {
     rebuildIndexIfStale();
     const DataAreaKey key{stationNo, name, first};
-    QVector<int> run = driver.dataAreaRuns.value(key);
+    QVector<int> run = driverPrivate.dataAreaRuns.value(key);
     if (run.size() >= count)
         return run;
     for (int k = run.size(); k < count; ++k)
         run.append(getIndexOfDataArea(stationNo, name, addrAt(first, k), driver.dataAreas));
     // Runs come from the read plan; a runtime that reads everywhere only
     // costs the cache its content.
-    if (driver.dataAreaRuns.size() >= 4096)
-        driver.dataAreaRuns.clear();
-    driver.dataAreaRuns.insert(key, run);
+    if (driverPrivate.dataAreaRuns.size() >= 4096)
+        driverPrivate.dataAreaRuns.clear();
+    driverPrivate.dataAreaRuns.insert(key, run);
     return run;
 }
 

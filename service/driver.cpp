@@ -4,6 +4,7 @@
 #include <memory>
 
 Protocol driver;
+DriverPrivate driverPrivate;
 
 Protocol::Protocol()
 {
@@ -16,12 +17,12 @@ Protocol::~Protocol() = default;
 
 void notifyHost(int id, int stationNo, const QString &name, int address)
 {
-    driver.pendingNotes.push_back(PendingNote{id, stationNo, nullptr, name, address});
+    driverPrivate.pendingNotes.push_back(PendingNote{id, stationNo, nullptr, name, address});
 }
 
 void notifyHostShared(int id, int stationNo, const QString *name, int address)
 {
-    driver.pendingNotes.push_back(PendingNote{id, stationNo, name, QString(), address});
+    driverPrivate.pendingNotes.push_back(PendingNote{id, stationNo, name, QString(), address});
 }
 
 const QString *sharedName(const QString &name)
@@ -49,13 +50,13 @@ static void deliver(const std::vector<PendingNote> &notes, AddrValueChangeCallBa
 void deliverPendingNotes()
 {
     std::vector<PendingNote> notes;
-    notes.swap(driver.pendingNotes);
+    notes.swap(driverPrivate.pendingNotes);
     deliver(notes, driver.addrValueChangeCallBack);
 }
 
 DriverCall::DriverCall()
 {
-    driver.stateMutex.lock();
+    driverPrivate.stateMutex.lock();
 }
 
 // The runtime's callback may call back into the driver (intf_getData), so it
@@ -70,9 +71,9 @@ DriverCall::~DriverCall()
     std::vector<PendingNote> notes;
     if (depth == 0)
         notes.swap(spare);
-    notes.swap(driver.pendingNotes);
+    notes.swap(driverPrivate.pendingNotes);
     const AddrValueChangeCallBack callBack = driver.addrValueChangeCallBack;
-    driver.stateMutex.unlock();
+    driverPrivate.stateMutex.unlock();
     ++depth;
     deliver(notes, callBack);
     --depth;

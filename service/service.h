@@ -3,6 +3,7 @@
 #ifndef XBC_SERVICE_H
 #define XBC_SERVICE_H
 
+#include "driver_private.h"
 #include "ls_xbc_cpu_direct.h"
 #include "xbc_protocol.h"
 

@@ -37,8 +37,8 @@ inline void recordNote(int id, int station, const QString &name, int address)
     // No lock of the driver's or the runtime's may be held while the runtime
     // runs; the driver's own is a standard mutex, so try it from another thread.
     std::thread([] {
-        if (driver.stateMutex.try_lock())
-            driver.stateMutex.unlock();
+        if (driverPrivate.stateMutex.try_lock())
+            driverPrivate.stateMutex.unlock();
         else
             lockHeldDuringCallback = true;
     }).join();
