@@ -31,12 +31,18 @@ void printLine(Host &host, const QString &text)
 }
 
 
+bool tracing(const Host &host) { return host.config.trace || host.config.traceSink; }
+
 void traceLine(Host &host, const QString &direction, const QString &text)
 {
+    if (!tracing(host))
+        return;
+    const QString line = QStringLiteral("%1 %2 %3").arg(
+        QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz")), direction, text);
     if (host.config.trace)
-        printLine(host, QStringLiteral("%1 %2 %3")
-                            .arg(QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz")),
-                                 direction, text));
+        printLine(host, line);
+    if (host.config.traceSink)
+        host.config.traceSink(line);
 }
 
 int readShownValue(Host &host, int station, const QString &name, int address)
@@ -74,12 +80,16 @@ void onValueChange(int id, int station, const QString &name, int address)
     note.address = address;
     note.value = readShownValue(*host, station, name, address);
     host->notes.append(note);
+    if (host->config.noteSink)
+        host->config.noteSink(note);
     if (host->config.printChanges)
         printLine(*host, formatNotification(*host, note));
 }
 
 QString checkCodeText(int code, const QString &reg, const QStringList &desc)
 {
+    if (desc.isEmpty()) // the driver describes every register it knows
+        code = 3;
     switch (code) {
     case 1:
         return QStringLiteral("'%1' does not hold values of this kind").arg(reg);
@@ -91,18 +101,26 @@ QString checkCodeText(int code, const QString &reg, const QStringList &desc)
     case 4:
         return QStringLiteral("the address does not fit the format %1 of '%2'")
             .arg(desc.value(0), reg);
+    case 5:
+        return QStringLiteral("'%1' does not take values of this data type").arg(reg);
+    case 6:
+        return QStringLiteral("'%1' is read-only").arg(reg);
     default:
         return QStringLiteral("address check failed with code %1").arg(code);
     }
 }
 
-// Checks one address with the driver; empty text on success.
+enum { ACCESS_READ = 0, ACCESS_WRITE = 1, DATA_TYPE_BIT = -1, DATA_TYPE_WORD = 0 };
+
+// Checks one address with the driver, as an editor of the runtime would;
+// empty text on success.
 QString checkAddress(Host &host, const QString &reg, const QString &text, int count,
-                     int &address)
+                     int accessMode, int &address)
 {
     address = 0;
-    const int code = host.api.checkAddrValidity(reg, text, &address, count,
-                                                isBitRegister(host, reg) ? 0 : 1);
+    const int code = host.api.checkAddr(reg, text, &address,
+                                        isBitRegister(host, reg) ? DATA_TYPE_BIT : DATA_TYPE_WORD,
+                                        count, accessMode);
     if (code == 0)
         return QString();
     QList<QString> desc;
@@ -243,7 +261,7 @@ QString parseWatch(Host &host, const QString &text, WatchItem &out)
 {
     const QStringList parts = text.split(QLatin1Char(':'));
     if (parts.size() < 2 || parts.size() > 3 || parts[0].isEmpty() || parts[1].isEmpty())
-        return QStringLiteral("--watch '%1': expected REG:ADDRESS[:COUNT]").arg(text);
+        return QStringLiteral("'%1': expected REG:ADDRESS[:COUNT]").arg(text);
     WatchItem w;
     w.regName = parts[0];
     w.addressText = parts[1];
@@ -251,12 +269,13 @@ QString parseWatch(Host &host, const QString &text, WatchItem &out)
         bool ok = false;
         w.count = parts[2].toInt(&ok);
         if (!ok || w.count < 1)
-            return QStringLiteral("--watch '%1': the count must be a number of at least 1").arg(text);
+            return QStringLiteral("'%1': the count must be a number of at least 1").arg(text);
     }
     w.isBit = isBitRegister(host, w.regName);
-    const QString error = checkAddress(host, w.regName, w.addressText, w.count, w.address);
+    const QString error =
+        checkAddress(host, w.regName, w.addressText, w.count, ACCESS_READ, w.address);
     if (!error.isEmpty())
-        return QStringLiteral("--watch '%1': %2").arg(text, error);
+        return QStringLiteral("'%1': %2").arg(text, error);
     out = w;
     return QString();
 }
@@ -266,7 +285,7 @@ QString parseWrite(Host &host, const QString &text, WriteItem &out)
     const int eq = text.indexOf(QLatin1Char('='));
     const QStringList where = text.left(eq).split(QLatin1Char(':'));
     if (eq < 0 || where.size() != 2 || where[0].isEmpty() || where[1].isEmpty())
-        return QStringLiteral("--write '%1': expected REG:ADDRESS=VALUE").arg(text);
+        return QStringLiteral("'%1': expected REG:ADDRESS=VALUE").arg(text);
     WriteItem w;
     w.regName = where[0];
     w.addressText = where[1];
@@ -276,14 +295,15 @@ QString parseWrite(Host &host, const QString &text, WriteItem &out)
         const int value = v.trimmed().toInt(&ok, 0);
         const bool fits = w.isBit ? (value == 0 || value == 1) : (value >= -32768 && value <= 65535);
         if (!ok || !fits)
-            return QStringLiteral("--write '%1': '%2' is not a %3").arg(text, v,
+            return QStringLiteral("'%1': '%2' is not a %3").arg(text, v,
                        w.isBit ? QStringLiteral("bit value (0 or 1)")
                                : QStringLiteral("16-bit value"));
         w.values.append(value);
     }
-    const QString error = checkAddress(host, w.regName, w.addressText, w.values.size(), w.address);
+    const QString error =
+        checkAddress(host, w.regName, w.addressText, w.values.size(), ACCESS_WRITE, w.address);
     if (!error.isEmpty())
-        return QStringLiteral("--write '%1': %2").arg(text, error);
+        return QStringLiteral("'%1': %2").arg(text, error);
     out = w;
     return QString();
 }
@@ -392,6 +412,8 @@ void serveEventsFor(int ms)
 
 Step exchangeOnce(Host &host)
 {
+    if (host.config.beforeExchange)
+        host.config.beforeExchange();
     if (!ensureLink(host)) {
         waitIdle(host.config.pollIntervalMs);
         return Step::LinkDown;
@@ -418,7 +440,7 @@ Step exchangeOnce(Host &host)
     QString description;
     const int notesBefore = host.notes.size();
     const int rc = host.api.dealRcvFrame(reply, description);
-    if (host.config.trace && rc != 1)
+    if (tracing(host) && rc != 1)
         traceLine(host, QStringLiteral("!!"), QStringLiteral("%1 %2")
                                                   .arg(rc == 8 ? QStringLiteral("bad reply, retry")
                                                                : rc == 2 ? QStringLiteral("request abandoned")

@@ -1,5 +1,6 @@
 // xbc-host: plays the HMI runtime against a PLC (or the built-in simulator),
 // prints every value change and a summary.
+#include "console.h"
 #include "xbc_host.h"
 #include "xbc_sim.h"
 
@@ -121,6 +122,17 @@ int main(int argc, char **argv)
         QStringLiteral("Run this many seconds (default 5; 0 runs until interrupted)."),
         QStringLiteral("SECONDS"), QStringLiteral("5"));
     parser.addOptions({tcpOpt, serialOpt, lineOpt, watchOpt, writeOpt, propsOpt, traceOpt, durationOpt});
+    const QCommandLineOption httpOpt(QStringLiteral("http"),
+        QStringLiteral("Serve the browser console on [ADDRESS:]PORT: live values, watches, writes, "
+                       "link state and frames. Loopback unless ADDRESS is given; PORT 0 picks a "
+                       "free port; the address to open is printed. Runs until interrupted unless "
+                       "--duration is given."),
+        QStringLiteral("[ADDRESS:]PORT"));
+    const QCommandLineOption httpTokenOpt(QStringLiteral("http-token"),
+        QStringLiteral("Access token the console requires of every request (made up and printed "
+                       "when the console listens on an address other than loopback)."),
+        QStringLiteral("TOKEN"));
+    parser.addOptions({httpOpt, httpTokenOpt});
     parser.process(app);
 
     if (!parser.positionalArguments().isEmpty())
@@ -159,7 +171,7 @@ int main(int argc, char **argv)
         xbchost::WatchItem item;
         error = xbchost::parseWatch(host, w, item);
         if (!error.isEmpty())
-            return usageError(error);
+            return usageError(QStringLiteral("--watch %1").arg(error));
         xbchost::addWatch(host, item);
     }
     QList<xbchost::WriteItem> writes;
@@ -167,7 +179,7 @@ int main(int argc, char **argv)
         xbchost::WriteItem item;
         error = xbchost::parseWrite(host, w, item);
         if (!error.isEmpty())
-            return usageError(error);
+            return usageError(QStringLiteral("--write %1").arg(error));
         writes.append(item);
     }
 
@@ -192,10 +204,22 @@ int main(int argc, char **argv)
                  .arg(path, host.api.getVersion(), host.config.properties)
                  .arg(host.keys.size()));
     xbchost::startRun(host);
+    xbchost::ConsoleHandle console;
+    if (parser.isSet(httpOpt)) {
+        xbchost::ConsoleOptions http;
+        error = xbchost::parseConsoleOptions(parser.value(httpOpt), parser.value(httpTokenOpt), http);
+        QString url;
+        if (error.isEmpty())
+            console = xbchost::startConsole(host, http, &url, &error);
+        if (!console)
+            return usageError(error);
+        printOut(QStringLiteral("console: %1").arg(url));
+    }
 
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
-    const int totalMs = duration > 0 ? int(qMin(duration * 1000.0, 1e9)) : 1000000000;
+    const bool consoleUntilStopped = parser.isSet(httpOpt) && !parser.isSet(durationOpt);
+    const int totalMs = duration > 0 && !consoleUntilStopped ? int(qMin(duration * 1000.0, 1e9)) : 1000000000;
     QElapsedTimer clock;
     clock.start();
     const auto stopped = []() { return stopRequested != 0; };

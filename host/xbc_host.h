@@ -166,6 +166,13 @@ struct HostConfig {
     bool printChanges = false;
     std::function<void(const QString &)> print; // default: stdout
     std::function<void(const QString &)> warn;  // default: stderr
+    // Observers such as the browser console: every trace line (printed or
+    // not) and every value change as it is recorded.
+    std::function<void(const QString &)> traceSink;
+    std::function<void(const Notification &)> noteSink;
+    // Runs before each exchange, with no frame in flight: the place where
+    // others may change watches or queue writes.
+    std::function<void()> beforeExchange;
 };
 
 enum { STATUS_BLOCK_BYTES = 64 * 1024, RECIPE_BUFFER_BYTES = 64 * 1024 };
@@ -201,8 +208,8 @@ struct Host {
 // Register kind as the driver reports it (bit registers, TX and CX).
 bool isBitRegister(const Host &host, const QString &regName);
 
-// Checks "REG:ADDRESS[:COUNT]" with intf_checkAddrValidity. Error texts name
-// the failing check.
+// Checks "REG:ADDRESS[:COUNT]" with intf_checkAddr. Error texts quote the
+// text and name the failing check.
 QString parseWatch(Host &host, const QString &text, WatchItem &out);
 // "REG:ADDRESS=VALUE[,VALUE...]".
 QString parseWrite(Host &host, const QString &text, WriteItem &out);

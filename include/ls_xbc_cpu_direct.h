@@ -23,6 +23,14 @@
 //   and a span of at most maxPacketLen allow, so most keys stay blocks of their
 //   own. An empty or short property string (fewer than five numbers) leaves the
 //   five numbers as they were (0 after load).
+// - A bit byte other than 0 sets the bit, in the image as in every frame
+//   (single-bit, read-modify-write, recipe: the low byte of the buffer word);
+//   contacts then show 1.
+// - A record shows its written value while a write request for it (a word
+//   write, or a write of any of its bits) is left on the write list; once none
+//   is, it shows the PLC's value, and a failed write is taken back with a
+//   notification. A full write list loses its last request: that write is
+//   taken back the same way.
 // - Unknown register names use the fallback row: values live in one record per
 //   address keyed by the whole name and are never sent.
 // - Monitor flags, reads and writes map at most 262144 values per call; a

@@ -218,17 +218,21 @@ bool sameRequest(const VARIABLE &a, const VARIABLE &b)
            a.count == b.count;
 }
 
-void queueRequest(QList<VARIABLE> &list, const VARIABLE &request)
+bool queueRequest(QList<VARIABLE> &list, const VARIABLE &request, VARIABLE *displaced)
 {
     // The head is never replaced: its frame may be on the line.
     for (int i = list.size() - 1; i >= 1; --i) {
         if (sameRequest(list.at(i), request)) {
             list[i] = request;
-            return;
+            return false;
         }
     }
-    if (list.size() <= 512)
+    if (list.size() <= 512) {
         list.append(request);
-    else
-        list[512] = request;
+        return false;
+    }
+    if (displaced != nullptr)
+        *displaced = list.at(512);
+    list[512] = request;
+    return true;
 }

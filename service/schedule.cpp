@@ -39,14 +39,13 @@ static int buildRead()
 // letter, no units): it leaves the list so that the rest of the work goes on.
 static void dropUnsendableWrite()
 {
+    // The screens show the written value: fall back to the image and say so,
+    // while the request is still the head of the list, as for any result.
     const VARIABLE dropped = driver.curVar;
-    {
-        QMutexLocker lock(&driver.dataMutex);
-        if (!driver.writeList.isEmpty())
-            driver.writeList.removeFirst();
-    }
-    // The screens show the written value: fall back to the image and say so.
     _write_FailOrSuc(dropped.stationNo, dropped.regName, dropped.address, dropped.count, 0);
+    QMutexLocker lock(&driver.dataMutex);
+    if (!driver.writeList.isEmpty())
+        driver.writeList.removeFirst();
 }
 
 static void dropUnsendableConditionRead()

@@ -36,8 +36,9 @@ void addrMerge(QList<KEY_ADDRESS> &keys, int mergeMode);
 void groupingKey(KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &pieces, int withData);
 void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData);
 // Replaces an equal request (searched from the end down to index 1) or appends,
-// never holding more than 513 entries.
-void queueRequest(QList<VARIABLE> &list, const VARIABLE &request);
+// never holding more than 513 entries: a full list loses its last request,
+// which is copied to `displaced` (when given) and reported by returning true.
+bool queueRequest(QList<VARIABLE> &list, const VARIABLE &request, VARIABLE *displaced = nullptr);
 bool sameRequest(const VARIABLE &a, const VARIABLE &b);
 
 // --- send schedule and dispatch ---
@@ -68,6 +69,8 @@ RegisterView registerViewFor(const QString &regName, int dataBits, int unitBits)
 // Most values one call maps onto records: more than any register holds, so a
 // runaway count cannot fill memory.
 constexpr int MAX_VALUES_PER_CALL = 1 << 18;
+// The widest record a bit lives in; pendingBitWrites holds two flags per bit.
+constexpr int MAX_UNIT_BITS = 16;
 inline int addrAt(int start, int i)
 {
     return int(quint32(start) + quint32(i));

@@ -79,6 +79,9 @@ int intf_getData(int stationNo, QString regName, int start, int count, unsigned 
 // ---------------------------------------------------------------------------
 // Writing: the image shows the written value at once.
 
+static void settleWrite(int stationNo, const QString &regName, int start, int count, bool ok,
+                        int listFrom);
+
 static void storeWord(int st, const QString &area, int address, const unsigned char *bytes)
 {
     int index = 0;
@@ -123,20 +126,69 @@ static void storeDoubleWord(int st, const QString &area, int address, const unsi
     r.writePending = true;
 }
 
-// Number of write requests for exactly this write still on the write list.
-static int queuedWritesLike(int st, const QString &regName, int start, int count)
+// ---------------------------------------------------------------------------
+// Requests left: a record shows its written value while a write request for it
+// is still on the write list. Counted from the list itself, so that a request
+// that was overwritten or dropped is never counted and a failed write always
+// falls back to the image.
+
+// The write requests of one station and area on the list, from position
+// `from` on (1 skips the head, whose result is being settled).
+struct RequestsLeft {
+    struct Span {
+        bool bits; // a bit-in-word request, else a word request
+        qint64 first, end;
+    };
+    QVector<Span> spans;
+};
+
+static RequestsLeft requestsLeft(int st, const QString &area, int from)
 {
+    RequestsLeft left;
     QMutexLocker lock(&driver.dataMutex);
-    int matches = 0;
-    for (const VARIABLE &v : driver.writeList) {
-        if (v.stationNo == st && v.regName == regName && v.address == start && v.count == count)
-            ++matches;
+    for (int i = qMax(from, 0); i < driver.writeList.size(); ++i) {
+        const VARIABLE &v = driver.writeList.at(i);
+        if (v.stationNo != st)
+            continue;
+        const RegisterView view = registerViewOf(v.regName);
+        if (view.area != area || (view.kind != MAP_WORD && view.kind != MAP_BIT_IN_WORD))
+            continue;
+        left.spans.append({view.kind == MAP_BIT_IN_WORD, qint64(v.address),
+                           qint64(v.address) + qMax(v.count, 0)});
     }
-    return matches;
+    return left;
 }
 
-static void storeBitInWord(int st, const QString &area, const QString &regName, int start,
-                           int count, int i, unsigned char on)
+// pendingBitWrites of 16-bit record `record`: bit 2b says that a request for
+// bit b is left, bit 2b+1 that a second one is.
+static quint32 bitWritesLeft(const RequestsLeft &left, int record)
+{
+    int perBit[MAX_UNIT_BITS] = {};
+    const qint64 first = qint64(record) * MAX_UNIT_BITS, end = first + MAX_UNIT_BITS;
+    for (const RequestsLeft::Span &span : left.spans) {
+        for (qint64 a = qMax(span.first, first); span.bits && a < qMin(span.end, end); ++a)
+            ++perBit[a - first];
+    }
+    quint32 flags = 0;
+    for (int b = 0; b < MAX_UNIT_BITS; ++b) {
+        if (perBit[b] >= 1)
+            flags |= 1u << (2 * b);
+        if (perBit[b] >= 2)
+            flags |= 1u << (2 * b + 1);
+    }
+    return flags;
+}
+
+static bool wordWritesLeft(const RequestsLeft &left, int record)
+{
+    for (const RequestsLeft::Span &span : left.spans) {
+        if (!span.bits && span.first <= record && record < span.end)
+            return true;
+    }
+    return false;
+}
+
+static void storeBitInWord(int st, const QString &area, int start, int i, unsigned char on)
 {
     const int a = addrAt(start, i);
     if (a < 0)
@@ -146,7 +198,7 @@ static void storeBitInWord(int st, const QString &area, const QString &regName, 
     const int b = a % 16, k = b / 8, p = a % 8;
     const unsigned char *shown = shownBytes(r);
     const unsigned char newByte =
-        on == 1 ? (unsigned char)(shown[k] | (1u << p)) : (unsigned char)(shown[k] & ~(1u << p));
+        on != 0 ? (unsigned char)(shown[k] | (1u << p)) : (unsigned char)(shown[k] & ~(1u << p));
     if (newByte != shown[k]) {
         unsigned char bytes[2] = {shown[0], shown[1]};
         bytes[k] = newByte;
@@ -158,11 +210,10 @@ static void storeBitInWord(int st, const QString &area, const QString &regName, 
         r.writtenValue[1 - k] = r.value[1 - k]; // a whole word that starts from the image
     r.writtenValue[k] = newByte;
     r.writePending = true;
-    const quint32 first = 1u << (2 * b), second = 1u << (2 * b + 1);
-    if (!(r.pendingBitWrites & first))
-        r.pendingBitWrites |= first;
-    else if (queuedWritesLike(st, regName, start, count) == 2)
-        r.pendingBitWrites |= second;
+    // The request of this write is already queued; the bits of one record
+    // come one after another, so the list is counted once per record.
+    if (i == 0 || b == 0)
+        r.pendingBitWrites = bitWritesLeft(requestsLeft(st, area, 0), a / 16);
 }
 
 static void storeBitInByte(int st, const QString &area, int a, unsigned char on)
@@ -171,7 +222,7 @@ static void storeBitInByte(int st, const QString &area, int a, unsigned char on)
         return;
     const unsigned char shown = shownBytes(recordAt(st, area, a / 8))[0];
     const unsigned char mask = (unsigned char)(1u << (a % 8));
-    storeByte(st, area, a / 8, on == 1 ? shown | mask : shown & ~mask, true, QString(), 0);
+    storeByte(st, area, a / 8, on != 0 ? shown | mask : shown & ~mask, true, QString(), 0);
 }
 
 void write_saveDataToArea(int stationNo, QString regName, int start, int count, unsigned char *data)
@@ -201,11 +252,11 @@ void write_saveDataToArea(int stationNo, QString regName, int start, int count, 
             storeDoubleWord(stationNo, v.area, addrAt(start, i), data + 4 * i);
             break;
         case MAP_PER_BIT:
-            storeByte(stationNo, v.area, addrAt(start, i), data[i], false, regName,
+            storeByte(stationNo, v.area, addrAt(start, i), data[i] != 0 ? 1 : 0, false, regName,
                       addrAt(start, i));
             break;
         case MAP_BIT_IN_WORD:
-            storeBitInWord(stationNo, v.area, regName, start, count, i, data[i]);
+            storeBitInWord(stationNo, v.area, start, i, data[i]);
             break;
         case MAP_BIT_IN_BYTE:
             storeBitInByte(stationNo, v.area, addrAt(start, i), data[i]);
@@ -246,8 +297,17 @@ int intf_setData(int stationNo, QString regName, int start, int count, unsigned 
             memcpy(request.data, piece.data, sizeof request.data);
             if (dataBits != 1 && unitBits > 0)
                 request.count = int(qint64(request.count) * 16 / unitBits);
-            QMutexLocker lock(&driver.dataMutex);
-            queueRequest(driver.writeList, request);
+            VARIABLE displaced;
+            bool lost = false;
+            {
+                QMutexLocker lock(&driver.dataMutex);
+                lost = queueRequest(driver.writeList, request, &displaced);
+            }
+            // A full list loses its last request: its write is reported failed,
+            // so the screens fall back to the PLC's value instead of keeping it.
+            if (lost)
+                settleWrite(displaced.stationNo, displaced.regName, displaced.address,
+                            displaced.count, false, 0);
         }
     }
     write_saveDataToArea(stationNo, regName, start, count, data);
@@ -258,16 +318,23 @@ int intf_setData(int stationNo, QString regName, int start, int count, unsigned 
 // Write results: success makes the written value the image; failure falls back
 // to the image and tells the runtime so its screens show the PLC's value again.
 
-static void settleWord(int st, const QString &area, int address, bool success)
+// Success makes what the request wrote the image; the record goes on showing
+// its written value while other requests for it are left.
+static void settleWord(int st, const QString &area, int address, bool success,
+                       const unsigned char *requestBytes, const RequestsLeft &left)
 {
     int index = 0;
     _DATA_ &r = recordAt(st, area, address, &index);
-    r.writePending = false;
     if (success) {
-        r.value[0] = r.writtenValue[0];
-        r.value[1] = r.writtenValue[1];
-        return;
+        const unsigned char *landed = requestBytes ? requestBytes : r.writtenValue;
+        r.value[0] = landed[0];
+        r.value[1] = landed[1];
     }
+    if (wordWritesLeft(left, address) || bitWritesLeft(left, address) != 0)
+        return;
+    r.writePending = false;
+    if (success)
+        return;
     int written = uchar2int16(r.writtenValue[0], r.writtenValue[1]);
     int image = uchar2int16(r.value[0], r.value[1]);
     _wordDataChange(&written, &image, index, 0);
@@ -308,51 +375,82 @@ static void settlePerBit(int st, const QString &regName, int address, bool succe
         notifyHost(driver.driverId, st, regName, address);
 }
 
-// A bit of a shared record: the record shows the written word until every
-// single-bit write of it is settled.
-static void settleBit(int st, const QString &area, int a, int unitBits, bool success)
+// Bits of one shared record settled by one result: the record shows the
+// written word until no write request for it is left.
+static void settleBitsOfRecord(int st, const QString &area, int record, int firstBit, int bits,
+                               int unitBits, bool success, const RequestsLeft &left)
 {
-    if (a < 0)
-        return;
     int index = 0;
-    _DATA_ &r = recordAt(st, area, a / unitBits, &index);
-    const int b = a % unitBits, k = b / 8, p = a % 8;
-    const quint32 first = 1u << (2 * b), second = 1u << (2 * b + 1);
-    if (r.pendingBitWrites & first)
-        r.pendingBitWrites &= ~first;
-    else
-        r.pendingBitWrites &= ~second;
-    if (r.pendingBitWrites == 0)
-        r.writePending = false;
-    if (success) {
-        const unsigned char mask = (unsigned char)(1u << p);
+    _DATA_ &r = recordAt(st, area, record, &index);
+    for (int b = firstBit; b < firstBit + bits && success; ++b) {
+        const int k = b / 8;
+        const unsigned char mask = (unsigned char)(1u << (b % 8));
         r.value[k] = (unsigned char)((r.value[k] & ~mask) | (r.writtenValue[k] & mask));
     }
-    if (!r.writePending) {
-        if (unitBits == 16)
-            _wordDataChange(nullptr, nullptr, index, 0);
-        else
-            _byteDataChange(nullptr, nullptr, index, 0);
+    r.pendingBitWrites = unitBits == MAX_UNIT_BITS ? bitWritesLeft(left, record) : 0;
+    if (r.pendingBitWrites != 0 || (unitBits == MAX_UNIT_BITS && wordWritesLeft(left, record)))
+        return;
+    r.writePending = false;
+    if (unitBits == MAX_UNIT_BITS)
+        _wordDataChange(nullptr, nullptr, index, 0);
+    else
+        _byteDataChange(nullptr, nullptr, index, 0);
+}
+
+static void settleBits(int st, const QString &area, int start, int count, int unitBits,
+                       bool success, const RequestsLeft &left)
+{
+    for (int i = 0; i < count;) {
+        const int a = addrAt(start, i);
+        if (a < 0) {
+            ++i;
+            continue;
+        }
+        const int bits = qMin(count - i, unitBits - a % unitBits);
+        settleBitsOfRecord(st, area, a / unitBits, a % unitBits, bits, unitBits, success, left);
+        i += bits;
     }
 }
 
-void _write_FailOrSuc(int stationNo, QString regName, int start, int count, int success)
+// The bytes a word request wrote to `address`, when the request being settled
+// is the head of the write list; null when they are not known.
+static const unsigned char *headBytesFor(int st, const QString &regName, int address, int listFrom)
+{
+    if (listFrom != 1 || driver.writeList.isEmpty())
+        return nullptr;
+    const VARIABLE &head = driver.writeList.first();
+    const qint64 offset = qint64(address) - head.address;
+    if (head.stationNo != st || head.regName != regName || offset < 0 || offset >= head.count ||
+        2 * offset + 1 >= DATA_BYTES)
+        return nullptr;
+    return head.data + 2 * offset;
+}
+
+static void settleWrite(int stationNo, const QString &regName, int start, int count, bool ok,
+                        int listFrom)
 {
     const RegisterView v = registerViewOf(regName);
-    const bool ok = success == 1;
     const int n = qMin(count, int(MAX_VALUES_PER_CALL));
+    const RequestsLeft left = requestsLeft(stationNo, v.area, listFrom);
+    if (v.kind == MAP_BIT_IN_WORD || v.kind == MAP_BIT_IN_BYTE) {
+        settleBits(stationNo, v.area, start, n, v.kind == MAP_BIT_IN_WORD ? 16 : 8, ok, left);
+        return;
+    }
     for (int i = 0; i < n; ++i) {
         switch (v.kind) {
-        case MAP_WORD:
-            settleWord(stationNo, v.area, addrAt(start, i), ok);
+        case MAP_WORD: {
+            const int address = addrAt(start, i);
+            settleWord(stationNo, v.area, address, ok,
+                       headBytesFor(stationNo, regName, address, listFrom), left);
             break;
+        }
         case MAP_WORD_OF_BYTES:
         case MAP_DWORD_OF_BYTES:
             settleByte(stationNo, v.area, addrAt(start, 2 * i), ok);
             settleByte(stationNo, v.area, addrAt(start, 2 * i + 1), ok);
             break;
         case MAP_DWORD_OF_WORDS:
-            settleWord(stationNo, v.area, addrAt(start, i), ok);
+            settleWord(stationNo, v.area, addrAt(start, i), ok, nullptr, RequestsLeft());
             break;
         case MAP_DWORD:
             if (i < count / 2)
@@ -362,13 +460,15 @@ void _write_FailOrSuc(int stationNo, QString regName, int start, int count, int 
             settlePerBit(stationNo, regName, addrAt(start, i), ok);
             break;
         case MAP_BIT_IN_WORD:
-            settleBit(stationNo, v.area, addrAt(start, i), 16, ok);
-            break;
         case MAP_BIT_IN_BYTE:
-            settleBit(stationNo, v.area, addrAt(start, i), 8, ok);
-            break;
         case MAP_NONE:
             return;
         }
     }
+}
+
+// The result of the request at the head of the write list.
+void _write_FailOrSuc(int stationNo, QString regName, int start, int count, int success)
+{
+    settleWrite(stationNo, regName, start, count, success == 1, 1);
 }

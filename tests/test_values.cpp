@@ -203,21 +203,21 @@ TEST_F(ValuesTest, BitWritesCountOutstandingRequests)
     watch("M_bit 165 1");
     const int i = getIndexOfDataArea(1, "M", 10, driver.dataAreas);
     driver.dataAreas[i].value[1] = 0xAB;
+    plc.set(AREA_M, 10, 0xAB00);
     setData(1, "M_bit", 165, {1}, 1);
     EXPECT_EQ(driver.dataAreas[i].writtenValue[0], 0x20);
     EXPECT_EQ(driver.dataAreas[i].writtenValue[1], 0xAB); // the rest starts from the image
     EXPECT_EQ(driver.dataAreas[i].pendingBitWrites, 1u << 10);
-    setData(1, "M_bit", 165, {0}, 1); // the first request is still queued
+    setData(1, "M_bit", 165, {0}, 1); // queued behind the first, which may be on the line
     EXPECT_EQ(driver.dataAreas[i].pendingBitWrites, 3u << 10);
     EXPECT_EQ(driver.dataAreas[i].writtenValue[0], 0x00);
 
     notes.clear();
-    _write_FailOrSuc(1, "M_bit", 165, 1, 1);
-    deliverPendingNotes();
+    EXPECT_EQ(plc.exchange(), 1); // the first lands; the second is still to come
     EXPECT_TRUE(driver.dataAreas[i].writePending);
+    EXPECT_EQ(driver.dataAreas[i].pendingBitWrites, 1u << 10);
     EXPECT_TRUE(notes.empty());
-    _write_FailOrSuc(1, "M_bit", 165, 1, 1);
-    deliverPendingNotes();
+    EXPECT_EQ(plc.exchange(), 1);
     const _DATA_ &d = driver.dataAreas[i];
     EXPECT_FALSE(d.writePending);
     EXPECT_EQ(d.pendingBitWrites, 0u);
@@ -229,12 +229,107 @@ TEST_F(ValuesTest, BitWritesCountOutstandingRequests)
     setData(1, "M_bit", 4, {1}, 1);
     const int j = getIndexOfDataArea(1, "M", 0, driver.dataAreas);
     EXPECT_EQ(driver.dataAreas[j].pendingBitWrites, (1u << 6) | (1u << 8));
-    _write_FailOrSuc(1, "M_bit", 3, 1, 1);
+    EXPECT_EQ(plc.exchange(), 1);
     EXPECT_EQ(driver.dataAreas[j].pendingBitWrites, 1u << 8);
     EXPECT_TRUE(driver.dataAreas[j].writePending);
-    _write_FailOrSuc(1, "M_bit", 4, 1, 0); // failed: its image bit stays 0
+    plc.linkDown = true; // the second fails: its image bit stays 0
+    EXPECT_EQ(plc.pump(3), (std::vector<int>{8, 8, 2}));
     EXPECT_FALSE(driver.dataAreas[j].writePending);
     EXPECT_EQ(getData(1, "M_bit", 3, 2, 1), (std::vector<unsigned char>{1, 0}));
+}
+
+// Writes to the bits of one word, interleaved with word writes, overwrites of
+// queued requests and failures: once no request is left, every bit shows what
+// the controller holds, and a failed write is taken back with a notification.
+TEST_F(ValuesTest, BitWritesNeverStayShownAfterTheyFailed)
+{
+    struct Case {
+        const char *what;
+        std::vector<std::string> steps;
+        int notedAfterLastFailure; // a watched bit, or -1
+    } cases[] = {
+        // clang-format off
+        {"overwrite after the first result", {"b165=1", "w5", "b165=0", "ack", "b165=1", "acks", "b166=1", "fail"}, 166},
+        {"overwrite before any result", {"b165=1", "w5", "b165=0", "b165=1", "acks", "b166=1", "fail"}, 166},
+        {"overwrite behind a head of its own", {"b165=1", "w5", "b165=0", "ack", "ack", "b165=1", "acks", "b166=1", "fail"}, 166},
+        {"first write failed", {"b165=1", "w5", "b165=0", "fail", "b165=1", "acks", "b166=1", "fail"}, 166},
+        {"word write to the same word between", {"b165=1", "m10=1024", "b165=0", "ack", "b165=1", "acks", "b166=1", "fail"}, 166},
+        {"bit write fails behind a landed word write", {"m10=1024", "b165=1", "ack", "fail"}, 165},
+        {"word write fails ahead of a bit write", {"m10=1024", "b165=1", "fail", "acks"}, -1},
+        {"two bits, both fail", {"b165=1", "b166=1", "fail", "fail"}, 166},
+        {"failure in the middle", {"b165=1", "b166=1", "b165=0", "ack", "fail", "acks"}, -1},
+        {"several bits at once", {"b164..167=1", "b165=0", "fail", "acks"}, -1},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        reset("3#0#0#1#64"); // one try: a lost reply fails its write at once
+        watch("M_bit 160 16");
+        size_t lastFailure = 0;
+        for (const std::string &step : c.steps) {
+            plc.linkDown = step == "fail";
+            if (step == "ack" || step == "fail") {
+                if (step == "fail")
+                    lastFailure = notes.size();
+                EXPECT_EQ(plc.exchange(), step == "ack" ? 1 : 2) << step;
+            } else if (step == "acks") {
+                for (int n = 0; n < 20 && !driver.writeList.isEmpty(); ++n)
+                    EXPECT_EQ(plc.exchange(), 1);
+            } else if (step == "w5") {
+                setData(1, "D_W", 5, words({5}), 1);
+            } else if (step == "m10=1024") {
+                setData(1, "M_W", 10, words({1024}), 1);
+            } else if (step == "b164..167=1") {
+                setData(1, "M_bit", 164, {1, 1, 1, 1}, 4);
+            } else {
+                const int address = std::stoi(step.substr(1, 3));
+                setData(1, "M_bit", address, {static_cast<unsigned char>(step.back() - '0')}, 1);
+            }
+        }
+        plc.linkDown = false;
+        ASSERT_TRUE(driver.writeList.isEmpty());
+        if (c.notedAfterLastFailure >= 0) {
+            EXPECT_TRUE(noted("M_bit", c.notedAfterLastFailure, lastFailure));
+        }
+        for (int round = 0; round < 2; ++round) { // before and after polling again
+            SCOPED_TRACE(round == 0 ? "at once" : "after polling");
+            for (int a = 160; a < 176; ++a)
+                EXPECT_EQ(bit(1, "M_bit", a), plc.bit(AREA_M, a)) << "M_bit " << a;
+            EXPECT_EQ(word16(1, "M_W", 10), plc.word(AREA_M, 10));
+            for (const _DATA_ &d : driver.dataAreas)
+                EXPECT_FALSE(d.writePending) << d.name.toStdString() << " " << d.address;
+            plc.drain();
+        }
+    }
+}
+
+// A bit byte other than 0 or 1 sets the bit, on the screen as on the wire.
+TEST_F(ValuesTest, AnyNonZeroBitByteSets)
+{
+    struct Case {
+        const char *reg;
+        int address;
+        std::vector<unsigned char> data;
+        int area, wireBit;
+    } cases[] = {
+        {"M_bit", 165, {5}, AREA_M, 165},          // single-bit frame
+        {"M_bit", 160, {0, 0x80, 0}, AREA_M, 161}, // read-modify-write
+        {"TX", 3, {7}, AREA_TX, 3},
+        {"CX", 9, {0, 2}, AREA_CX, 10}, // one frame per contact
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.reg << " " << c.address);
+        reset("3#0#0#3#64");
+        const int count = int(c.data.size());
+        setData(1, c.reg, c.address, c.data, count);
+        std::vector<unsigned char> shown(c.data.size());
+        for (size_t k = 0; k < shown.size(); ++k)
+            shown[k] = c.data[k] != 0;
+        EXPECT_EQ(getData(1, c.reg, c.address, count, 1), shown);
+        plc.drain();
+        EXPECT_EQ(plc.bit(c.area, c.wireBit), 1);
+        EXPECT_EQ(getData(1, c.reg, c.address, count, 1), shown);
+    }
 }
 
 TEST_F(ValuesTest, WriteResultsForEachRegisterKind)
