@@ -6,6 +6,9 @@ set -euo pipefail
 # Build, test and tool packages. clang and llvm are for fuzzing.
 PACKAGES="cmake g++ make pkg-config binutils qtbase5-dev libqt5serialport5-dev \
 libgtest-dev libgmock-dev libbenchmark-dev clang llvm libclang-rt-14-dev"
+# libpcap for xbc-host --capture; tshark runs the dissector over the captures
+# in the tests (non-interactive: it is not set up to capture as a non-root user).
+PACKAGES="$PACKAGES libpcap-dev tshark"
 
 missing=()
 for pkg in $PACKAGES; do
