@@ -31,14 +31,18 @@ void printLine(Host &host, const QString &text)
 }
 
 
-bool tracing(const Host &host) { return host.config.trace || host.config.traceSink; }
+bool tracing(const Host &host)
+{
+    return host.config.trace || host.config.traceSink;
+}
 
 void traceLine(Host &host, const QString &direction, const QString &text)
 {
     if (!tracing(host))
         return;
-    const QString line = QStringLiteral("%1 %2 %3").arg(
-        QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz")), direction, text);
+    const QString line =
+        QStringLiteral("%1 %2 %3")
+            .arg(QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz")), direction, text);
     if (host.config.trace)
         printLine(host, line);
     if (host.config.traceSink)
@@ -114,8 +118,8 @@ enum { ACCESS_READ = 0, ACCESS_WRITE = 1, DATA_TYPE_BIT = -1, DATA_TYPE_WORD = 0
 
 // Checks one address with the driver, as an editor of the runtime would;
 // empty text on success.
-QString checkAddress(Host &host, const QString &reg, const QString &text, int count,
-                     int accessMode, int &address)
+QString checkAddress(Host &host, const QString &reg, const QString &text, int count, int accessMode,
+                     int &address)
 {
     address = 0;
     const int code = host.api.checkAddr(reg, text, &address,

@@ -122,13 +122,15 @@ int main(int argc, char **argv)
         QStringLiteral("Run this many seconds (default 5; 0 runs until interrupted)."),
         QStringLiteral("SECONDS"), QStringLiteral("5"));
     parser.addOptions({tcpOpt, serialOpt, lineOpt, watchOpt, writeOpt, propsOpt, traceOpt, durationOpt});
-    const QCommandLineOption httpOpt(QStringLiteral("http"),
+    const QCommandLineOption httpOpt(
+        QStringLiteral("http"),
         QStringLiteral("Serve the browser console on [ADDRESS:]PORT: live values, watches, writes, "
                        "link state and frames. Loopback unless ADDRESS is given; PORT 0 picks a "
                        "free port; the address to open is printed. Runs until interrupted unless "
                        "--duration is given."),
         QStringLiteral("[ADDRESS:]PORT"));
-    const QCommandLineOption httpTokenOpt(QStringLiteral("http-token"),
+    const QCommandLineOption httpTokenOpt(
+        QStringLiteral("http-token"),
         QStringLiteral("Access token the console requires of every request (made up and printed "
                        "when the console listens on an address other than loopback)."),
         QStringLiteral("TOKEN"));
@@ -207,7 +209,8 @@ int main(int argc, char **argv)
     xbchost::ConsoleHandle console;
     if (parser.isSet(httpOpt)) {
         xbchost::ConsoleOptions http;
-        error = xbchost::parseConsoleOptions(parser.value(httpOpt), parser.value(httpTokenOpt), http);
+        error =
+            xbchost::parseConsoleOptions(parser.value(httpOpt), parser.value(httpTokenOpt), http);
         QString url;
         if (error.isEmpty())
             console = xbchost::startConsole(host, http, &url, &error);
@@ -219,7 +222,8 @@ int main(int argc, char **argv)
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
     const bool consoleUntilStopped = parser.isSet(httpOpt) && !parser.isSet(durationOpt);
-    const int totalMs = duration > 0 && !consoleUntilStopped ? int(qMin(duration * 1000.0, 1e9)) : 1000000000;
+    const int totalMs =
+        duration > 0 && !consoleUntilStopped ? int(qMin(duration * 1000.0, 1e9)) : 1000000000;
     QElapsedTimer clock;
     clock.start();
     const auto stopped = []() { return stopRequested != 0; };
