@@ -6,6 +6,7 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QDir>
 #include <QFileInfo>
 
 #include <csignal>
@@ -13,6 +14,9 @@
 
 #ifndef XBC_DRIVER_PATH
 #define XBC_DRIVER_PATH ""
+#endif
+#ifndef XBC_INSTALLED_DRIVER
+#define XBC_INSTALLED_DRIVER ""
 #endif
 
 namespace {
@@ -34,13 +38,23 @@ int usageError(const QString &text)
     return 2;
 }
 
-// The driver library: XBC_DRIVER_LIBRARY if set, else the one built with this
-// program, else libls_xbc_cpu_direct.so beside the program.
-QString driverPath()
+// The driver library: --driver, else XBC_DRIVER_LIBRARY, else the installed
+// one where the install layout puts it relative to this program, else the one
+// built with this program, else libls_xbc_cpu_direct.so beside the program.
+QString driverPath(const QString &fromOption)
 {
+    if (!fromOption.isEmpty())
+        return fromOption;
     const QString fromEnv = qEnvironmentVariable("XBC_DRIVER_LIBRARY");
     if (!fromEnv.isEmpty())
         return fromEnv;
+    const QString installed = QStringLiteral(XBC_INSTALLED_DRIVER);
+    if (!installed.isEmpty()) {
+        const QString path =
+            QFileInfo(QDir(QCoreApplication::applicationDirPath()), installed).absoluteFilePath();
+        if (QFileInfo::exists(path))
+            return QDir::cleanPath(path);
+    }
     const QString built = QStringLiteral(XBC_DRIVER_PATH);
     if (!built.isEmpty() && QFileInfo::exists(built))
         return built;
@@ -90,8 +104,9 @@ int main(int argc, char **argv)
         "(until EOT, the expected length or a timeout), hand it back. Prints every\n"
         "value change (time, station, register, address, value) and a summary.\n"
         "Without --tcp or --serial a built-in simulator is started on a free\n"
-        "loopback port. The driver library is XBC_DRIVER_LIBRARY if set, else the\n"
-        "one built with this program.\n\n"
+        "loopback port. The driver library is --driver, else XBC_DRIVER_LIBRARY,\n"
+        "else the installed one (found from this program's place), else the one\n"
+        "built with this program.\n\n"
         "Examples:\n"
         "  xbc-host --watch D_W:100:10 --watch M_bit:35.3 --watch TX:7 --write D_W:100=1234\n"
         "  xbc-host --tcp 127.0.0.1:PORT --watch D_W:0 --trace --duration 3\n"
@@ -118,10 +133,15 @@ int main(int argc, char **argv)
         QStringLiteral("PROPS"), QStringLiteral("1#0#0#3#64"));
     const QCommandLineOption traceOpt(QStringLiteral("trace"),
         QStringLiteral("Print every frame sent and received, control bytes shown as <STX> etc."));
+    const QCommandLineOption driverOpt(
+        QStringLiteral("driver"),
+        QStringLiteral("Load the driver library PATH instead of the installed or built one."),
+        QStringLiteral("PATH"));
     const QCommandLineOption durationOpt(QStringLiteral("duration"),
         QStringLiteral("Run this many seconds (default 5; 0 runs until interrupted)."),
         QStringLiteral("SECONDS"), QStringLiteral("5"));
-    parser.addOptions({tcpOpt, serialOpt, lineOpt, watchOpt, writeOpt, propsOpt, traceOpt, durationOpt});
+    parser.addOptions({tcpOpt, serialOpt, lineOpt, watchOpt, writeOpt, propsOpt, traceOpt,
+                       durationOpt, driverOpt});
     const QCommandLineOption httpOpt(
         QStringLiteral("http"),
         QStringLiteral("Serve the browser console on [ADDRESS:]PORT: live values, watches, writes, "
@@ -157,7 +177,7 @@ int main(int argc, char **argv)
         return usageError(QStringLiteral("--props '%1': expected five numbers separated by '#'")
                               .arg(parser.value(propsOpt)));
 
-    const QString path = driverPath();
+    const QString path = driverPath(parser.value(driverOpt));
     QString error;
     if (!xbchost::loadDriver(host.api, path, &error)) {
         std::fprintf(stderr, "xbc-host: %s\n", error.toLocal8Bit().constData());

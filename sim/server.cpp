@@ -145,8 +145,18 @@ QList<QByteArray> handleIncoming(Simulator &sim, FrameSplitter &splitter,
 
 int startTcp(Simulator &sim, quint16 port, QString *error)
 {
-    if (!sim.server)
+    // Connected once, when the server is made: a second start must not serve
+    // each client twice (and Qt 6 refuses a unique connection to a lambda).
+    if (!sim.server) {
         sim.server = new QTcpServer(ownerOf(sim));
+        QObject::connect(sim.server, &QTcpServer::newConnection, sim.server, [&sim]() {
+            while (QTcpSocket *socket = sim.server->nextPendingConnection()) {
+                socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
+                sim.clients.append(socket);
+                serveClient(sim, socket);
+            }
+        });
+    }
     if (!sim.server->isListening() && !sim.server->listen(QHostAddress::LocalHost, port)) {
         if (error)
             *error = QStringLiteral("cannot listen on 127.0.0.1:%1: %2")
@@ -154,13 +164,6 @@ int startTcp(Simulator &sim, quint16 port, QString *error)
                          .arg(sim.server->errorString());
         return -1;
     }
-    QObject::connect(sim.server, &QTcpServer::newConnection, sim.server, [&sim]() {
-        while (QTcpSocket *socket = sim.server->nextPendingConnection()) {
-            socket->setSocketOption(QAbstractSocket::LowDelayOption, 1);
-            sim.clients.append(socket);
-            serveClient(sim, socket);
-        }
-    }, Qt::UniqueConnection);
     return sim.server->serverPort();
 }
 
