@@ -8,12 +8,16 @@
 
 #include <csignal>
 #include <cstdio>
+#include <unistd.h>
 
 namespace {
 
 volatile std::sig_atomic_t stopRequested = 0;
 
-void onSignal(int) { stopRequested = 1; }
+void onSignal(int)
+{
+    stopRequested = 1;
+}
 
 void printLine(const QString &text)
 {
@@ -74,35 +78,55 @@ int main(int argc, char **argv)
         "Error replies: NAK, the command character, an error code pair (01 malformed,\n"
         "02 checksum, 03 command, 04 area, 05 range, 06 count), checksum, EOT."));
     parser.addHelpOption();
-    const QCommandLineOption portOpt(QStringLiteral("port"),
+    const QCommandLineOption portOpt(
+        QStringLiteral("port"),
         QStringLiteral("TCP port on 127.0.0.1 (0, the default, picks a free one)."),
         QStringLiteral("PORT"), QStringLiteral("0"));
-    const QCommandLineOption noTcpOpt(QStringLiteral("no-tcp"), QStringLiteral("Do not serve TCP."));
-    const QCommandLineOption ptyOpt(QStringLiteral("pty"),
+    const QCommandLineOption noTcpOpt(QStringLiteral("no-tcp"),
+                                      QStringLiteral("Do not serve TCP."));
+    const QCommandLineOption ptyOpt(
+        QStringLiteral("pty"),
         QStringLiteral("Also serve a pseudo-terminal; its slave path is printed."));
-    const QCommandLineOption setOpt(QStringLiteral("set"),
+    const QCommandLineOption setOpt(
+        QStringLiteral("set"),
         QStringLiteral("Preset memory, e.g. D_W:100=1234, M_bit:3.4=1, TX:7=1 (repeatable)."),
         QStringLiteral("REG:ADDRESS=VALUE"));
-    const QCommandLineOption counterOpt(QStringLiteral("counter"),
+    const QCommandLineOption counterOpt(
+        QStringLiteral("counter"),
         QStringLiteral("Word that counts up every period, e.g. D_W:0 (repeatable)."),
         QStringLiteral("REG:ADDRESS"));
-    const QCommandLineOption blinkOpt(QStringLiteral("blink"),
+    const QCommandLineOption blinkOpt(
+        QStringLiteral("blink"),
         QStringLiteral("Bit that toggles every period, e.g. M_bit:0.0 or TX:3 (repeatable)."),
         QStringLiteral("REG:ADDRESS"));
-    const QCommandLineOption periodOpt(QStringLiteral("period"),
-        QStringLiteral("Period of the live changes in ms (default 500)."),
+    const QCommandLineOption periodOpt(
+        QStringLiteral("period"), QStringLiteral("Period of the live changes in ms (default 500)."),
         QStringLiteral("MS"), QStringLiteral("500"));
-    const QCommandLineOption faultOpt(QStringLiteral("faults"),
+    const QCommandLineOption faultOpt(
+        QStringLiteral("faults"),
         QStringLiteral("Fault injection on replies: drop=PCT,corrupt=PCT,truncate=PCT,"
                        "double=PCT,delay=MS,seed=N."),
         QStringLiteral("SPEC"));
     const QCommandLineOption traceOpt(QStringLiteral("trace"),
-        QStringLiteral("Print every request and reply on stderr."));
-    const QCommandLineOption durationOpt(QStringLiteral("duration"),
+                                      QStringLiteral("Print every request and reply on stderr."));
+    const QCommandLineOption durationOpt(
+        QStringLiteral("duration"),
         QStringLiteral("Stop after this many seconds (default 0: run until interrupted)."),
         QStringLiteral("SECONDS"), QStringLiteral("0"));
-    parser.addOptions({portOpt, noTcpOpt, ptyOpt, setOpt, counterOpt, blinkOpt, periodOpt,
-                       faultOpt, traceOpt, durationOpt});
+    const QCommandLineOption controlOpt(
+        QStringLiteral("control"),
+        QStringLiteral("Take commands on standard input, one a line, each answered with one\n"
+                       "line 'ok ...' or 'error ...' on standard output; end of input stops\n"
+                       "the simulator. Commands:\n"
+                       "  faults off | faults SPEC   reply faults, SPEC as for --faults\n"
+                       "  drop link                  close the TCP clients and replace the\n"
+                       "                             pseudo-terminal ('ok pty PATH')\n"
+                       "  read REGISTER ADDRESS N    N values, e.g. 'read D_W 0 100',\n"
+                       "                             'read M_bit 3.4 20' ('ok V1 V2 ...')\n"
+                       "  save FILE | load FILE      the whole memory (restart keeping it)\n"
+                       "  stats                      requests, NAK replies and faults so far"));
+    parser.addOptions({portOpt, noTcpOpt, ptyOpt, setOpt, counterOpt, blinkOpt, periodOpt, faultOpt,
+                       traceOpt, durationOpt, controlOpt});
     parser.process(app);
 
     xbcsim::Simulator sim;
@@ -161,6 +185,9 @@ int main(int argc, char **argv)
             QCoreApplication::quit();
     });
     stopCheck.start(100);
+    if (parser.isSet(controlOpt))
+        xbcsim::startControl(sim, STDIN_FILENO, printLine, &QCoreApplication::quit)
+            ->setParent(&app);
     if (duration > 0)
         QTimer::singleShot(int(duration * 1000), &app, &QCoreApplication::quit);
 
@@ -169,8 +196,12 @@ int main(int argc, char **argv)
     const xbcsim::FaultCounters fc = xbcsim::faultCountersOf(sim);
     printLine(QStringLiteral("requests %1, NAK replies %2, dropped %3, corrupted %4, "
                              "truncated %5, doubled %6")
-                  .arg(stats.requests).arg(stats.naks).arg(fc.dropped).arg(fc.corrupted)
-                  .arg(fc.truncated).arg(fc.doubled));
+                  .arg(stats.requests)
+                  .arg(stats.naks)
+                  .arg(fc.dropped)
+                  .arg(fc.corrupted)
+                  .arg(fc.truncated)
+                  .arg(fc.doubled));
     xbcsim::stopSimulator(sim);
     return rc;
 }

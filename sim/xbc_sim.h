@@ -30,8 +30,22 @@ namespace xbcsim {
 // ---------------------------------------------------------------------------
 // Memory areas.
 
-enum Area { AREA_P, AREA_M, AREA_L, AREA_K, AREA_F, AREA_D, AREA_S, AREA_T,
-            AREA_C, AREA_N, AREA_Z, AREA_TX, AREA_CX, AREA_COUNT };
+enum Area {
+    AREA_P,
+    AREA_M,
+    AREA_L,
+    AREA_K,
+    AREA_F,
+    AREA_D,
+    AREA_S,
+    AREA_T,
+    AREA_C,
+    AREA_N,
+    AREA_Z,
+    AREA_TX,
+    AREA_CX,
+    AREA_COUNT
+};
 
 struct AreaInfo {
     const char *name; // "D", "TX"
@@ -75,12 +89,12 @@ enum : char { STX = 0x02, ETX = 0x03, EOT = 0x04, ACK = 0x06, NAK = 0x15 };
 
 enum ErrorCode {
     ERR_NONE = 0,
-    ERR_MALFORMED = 0x01,    // framing, length or non-hex characters
+    ERR_MALFORMED = 0x01, // framing, length or non-hex characters
     ERR_CHECKSUM = 0x02,
-    ERR_COMMAND = 0x03,      // command letter not r, w, o, n
-    ERR_AREA = 0x04,         // unknown memory-area letter
-    ERR_RANGE = 0x05,        // outside the area
-    ERR_COUNT = 0x06,        // byte count odd, zero, or not matching the data
+    ERR_COMMAND = 0x03, // command letter not r, w, o, n
+    ERR_AREA = 0x04,    // unknown memory-area letter
+    ERR_RANGE = 0x05,   // outside the area
+    ERR_COUNT = 0x06,   // byte count odd, zero, or not matching the data
 };
 
 // Low 8 bits of the sum of bytes [from, to).
@@ -95,9 +109,9 @@ struct Request {
     char command = 0;
     int area = -1;
     int byteAddress = 0;
-    int byteCount = 0;      // r, w
-    QByteArray data;        // w: raw bytes, low byte of each word first
-    quint16 mask = 0;       // o, n
+    int byteCount = 0; // r, w
+    QByteArray data;   // w: raw bytes, low byte of each word first
+    quint16 mask = 0;  // o, n
 };
 
 // Parses one whole request, STX to ETX. Returns ERR_NONE or an error code.
@@ -220,6 +234,28 @@ FaultCounters faultCountersOf(Simulator &sim);
 // send, faults applied. Shared by the TCP and pty paths and usable directly.
 QList<QByteArray> handleIncoming(Simulator &sim, FrameSplitter &splitter,
                                  const QByteArray &incoming);
+
+// ---------------------------------------------------------------------------
+// Control channel for programs that run the simulator as a process (xbc-plc-sim
+// --control): one command a line, one answer line each, "ok ..." or
+// "error ...".
+//   faults off | faults SPEC   reply faults, SPEC as for --faults
+//   drop link                  closes every TCP client; a pseudo-terminal is
+//                              replaced by a new one: "ok pty PATH"
+//   read REGISTER ADDRESS N    "ok V1 V2 ...": N words or bits from ADDRESS in
+//                              the register's notation (D_W 100, M_bit 3.4, TX 7)
+//   save FILE | load FILE      the whole memory, for a restart that keeps it
+//   stats                      "ok requests N naks N dropped N corrupted N ..."
+
+QString controlCommand(Simulator &sim, const QString &line);
+// Closes the TCP clients and renews the pseudo-terminal; returns the new slave
+// path, empty when there was none (or no new one could be opened).
+QString dropLink(Simulator &sim);
+// Reads commands from fd (standard input) in the event loop of this thread and
+// hands each answer line to answer; atEnd runs at end of input. The returned
+// object stops the channel when deleted.
+QObject *startControl(Simulator &sim, int fd, const std::function<void(const QString &)> &answer,
+                      const std::function<void()> &atEnd);
 
 } // namespace xbcsim
 
