@@ -13,6 +13,12 @@ g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user"
 # libpcap for xbc-host --capture; tshark runs the dissector over the captures
 # in the tests (non-interactive: it is not set up to capture as a non-root user).
 PACKAGES="$PACKAGES libpcap-dev tshark"
+# cpp-httplib for xbc-host --http; chromium runs the console's browser test,
+# driven from Node (npm installs playwright-core, which downloads no browser).
+# A node that came from elsewhere with its own npm is left alone.
+PACKAGES="$PACKAGES libcpp-httplib-dev chromium"
+command -v node > /dev/null || PACKAGES="$PACKAGES nodejs"
+command -v npm > /dev/null || PACKAGES="$PACKAGES npm"
 
 missing=()
 for pkg in $PACKAGES; do
