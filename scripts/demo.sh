@@ -25,6 +25,7 @@ start_simulator() {
     local out="$BUILD_DIR/demo-sim.log"
     local presets=(--set M_bit:35.3=1 --set TX:7=1)
     for i in $(seq 0 9); do presets+=(--set "D_W:$((100 + i))=$((1000 + i))"); done
+    : > "$out"
     "$BUILD_DIR/sim/xbc-plc-sim" --port 0 --counter D_W:0 --blink M_bit:0.0 --blink TX:0 \
         "${presets[@]}" > "$out" 2>&1 &
     SIM_PID=$!
@@ -47,6 +48,7 @@ run_console_demo() {
     trap 'kill $HOST_PID $SIM_PID 2> /dev/null || true; wait 2> /dev/null || true' EXIT
     trap 'exit 0' INT TERM
     start_simulator
+    : > "$log"
     "$BUILD_DIR/host/xbc-host" --tcp "127.0.0.1:$SIM_PORT" "${WATCHES[@]}" \
         --http 127.0.0.1:0 > "$log" 2>&1 &
     HOST_PID=$!
