@@ -1,0 +1,555 @@
+// xbc-host --capture against a separately started xbc-plc-sim, decoded by
+// Debian's tshark with the dissector, and compared frame by frame with what
+// the capture file holds, worked out independently (capture_oracle.h).
+#include "capture.h"
+#include "capture_oracle.h"
+#include "xbc_sim.h"
+
+#include <pcap/pcap.h>
+
+#include <QFile>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QSet>
+#include <QTemporaryDir>
+#include <QtEndian>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+
+using namespace capturetest;
+
+namespace {
+
+enum { START_TIMEOUT_MS = 10000, RUN_TIMEOUT_MS = 60000 };
+const double RESPONSE_TIME_TOLERANCE_S = 2e-6; // pcap keeps microseconds
+
+QString processOutput(QProcess &p)
+{
+    return QString::fromLocal8Bit(p.readAllStandardOutput());
+}
+
+// Starts the simulator and returns what follows `prefix` on the line it
+// prints when ready ("tcp 127.0.0.1:" gives the port, "pty " the path).
+QString startSimulator(QProcess &sim, const QStringList &args, const QString &prefix)
+{
+    sim.start(QStringLiteral(XBC_SIM_PATH), args);
+    if (!sim.waitForStarted(START_TIMEOUT_MS))
+        return QString();
+    QString seen;
+    while (sim.waitForReadyRead(START_TIMEOUT_MS)) {
+        seen += processOutput(sim);
+        for (const QString &line : seen.split(QLatin1Char('\n')))
+            if (line.startsWith(prefix) && seen.contains(QLatin1Char('\n')))
+                return line.mid(prefix.size()).trimmed();
+    }
+    return QString();
+}
+
+void stopSimulator(QProcess &sim)
+{
+    sim.terminate();
+    if (!sim.waitForFinished(START_TIMEOUT_MS))
+        sim.kill();
+    sim.waitForFinished(START_TIMEOUT_MS);
+}
+
+struct ProgramRun {
+    int exitCode = -1;
+    QString out;
+    QString err;
+};
+
+ProgramRun runProgram(const QString &program, const QStringList &args,
+                      const QProcessEnvironment &env = QProcessEnvironment::systemEnvironment())
+{
+    QProcess p;
+    p.setProcessEnvironment(env);
+    p.start(program, args);
+    ProgramRun r;
+    if (!p.waitForStarted(START_TIMEOUT_MS) || !p.waitForFinished(RUN_TIMEOUT_MS)) {
+        p.kill();
+        p.waitForFinished();
+        r.err = QStringLiteral("%1 did not run to its end").arg(program);
+        return r;
+    }
+    r.exitCode = p.exitStatus() == QProcess::NormalExit ? p.exitCode() : -1;
+    r.out = processOutput(p);
+    r.err = QString::fromLocal8Bit(p.readAllStandardError());
+    return r;
+}
+
+// tshark with the dissector and nothing from the user's own set-up (an
+// installed copy of the dissector would register the protocol twice).
+ProgramRun runTshark(const QString &pcap, const QStringList &args, const QTemporaryDir &home)
+{
+    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+    env.insert(QStringLiteral("HOME"), home.path());
+    env.insert(QStringLiteral("XDG_CONFIG_HOME"), home.path());
+    ProgramRun r = runProgram(QStringLiteral(XBC_TSHARK_PATH),
+                              QStringList{QStringLiteral("-r"), pcap, QStringLiteral("-X"),
+                                          QStringLiteral("lua_script:" XBC_DISSECTOR_PATH)} +
+                                  args,
+                              env);
+    QStringList errLines;
+    for (const QString &line : r.err.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        if (!line.startsWith(QLatin1String("Running as user"))) // tshark's note under root
+            errLines << line;
+    r.err = errLines.join(QLatin1Char('\n'));
+    return r;
+}
+
+QStringList fieldArgs(const QStringList &fields)
+{
+    QStringList args{QStringLiteral("-T"), QStringLiteral("fields"),
+                     QStringLiteral("-E"), QStringLiteral("header=y"),
+                     QStringLiteral("-E"), QStringLiteral("occurrence=a"),
+                     QStringLiteral("-E"), QStringLiteral("aggregator=,"),
+                     QStringLiteral("-e"), QStringLiteral("frame.number")};
+    for (const QString &f : fields)
+        args << QStringLiteral("-e") << f;
+    return args;
+}
+
+QString describe(const Fields &f)
+{
+    QStringList parts;
+    for (auto it = f.begin(); it != f.end(); ++it)
+        parts << it.key() + QLatin1Char('=') + it.value();
+    return parts.join(QStringLiteral(" "));
+}
+
+// Runs tshark over the capture and compares every frame with the oracle.
+// Returns the records for further checks.
+QVector<Record> expectDecodedAsOracle(const QString &pcap)
+{
+    QVector<Record> records;
+    const QString error = readCapture(pcap, records);
+    EXPECT_TRUE(error.isEmpty()) << error.toStdString();
+    const QVector<Fields> expected = expectedFields(records);
+    QTemporaryDir home;
+    const QStringList fields = comparedFields();
+    const ProgramRun t = runTshark(pcap, fieldArgs(fields), home);
+    EXPECT_EQ(t.exitCode, 0) << t.err.toStdString();
+    EXPECT_TRUE(t.err.isEmpty()) << "tshark said: " << t.err.toStdString();
+    const QVector<Fields> shown = parseTsharkFields(t.out, fields);
+    EXPECT_EQ(shown.size(), records.size());
+    for (int i = 0; i < records.size() && i < shown.size(); ++i) {
+        Fields want = expected[i];
+        Fields got = shown[i];
+        const QString key = QStringLiteral("xbc.response_time");
+        if (want.contains(key) && got.contains(key)) {
+            EXPECT_NEAR(want.take(key).toDouble(), got.take(key).toDouble(),
+                        RESPONSE_TIME_TOLERANCE_S)
+                << "frame " << i + 1;
+        }
+        EXPECT_EQ(describe(got).toStdString(), describe(want).toStdString())
+            << "frame " << i + 1 << ": " << xbcsim::printable(records[i].bytes).toStdString();
+        EXPECT_EQ(records[i].dissector, QStringLiteral("xbc")) << "frame " << i + 1;
+    }
+    return records;
+}
+
+int framesSentOf(const QString &hostOutput)
+{
+    const QRegularExpressionMatch m =
+        QRegularExpression(QStringLiteral("summary: frames sent (\\d+)")).match(hostOutput);
+    return m.hasMatch() ? m.captured(1).toInt() : -1;
+}
+
+int countSent(const QVector<Record> &records)
+{
+    int n = 0;
+    for (const Record &r : records)
+        n += r.direction == DIRECTION_SENT ? 1 : 0;
+    return n;
+}
+
+// A capture of xbc-host against the simulator over TCP: returns the records
+// after the frame-by-frame comparison, and checks the host's own count.
+QVector<Record> captureOverTcp(const QString &pcap, const QStringList &simArgs,
+                               const QStringList &hostArgs, quint16 *simPort = nullptr)
+{
+    QProcess sim;
+    const QString port = startSimulator(sim, simArgs, QStringLiteral("tcp 127.0.0.1:"));
+    EXPECT_FALSE(port.isEmpty()) << "the simulator did not start";
+    if (port.isEmpty())
+        return {};
+    if (simPort)
+        *simPort = quint16(port.toUInt());
+    const ProgramRun host =
+        runProgram(QStringLiteral(XBC_HOST_PATH),
+                   QStringList{QStringLiteral("--tcp"), QStringLiteral("127.0.0.1:") + port,
+                               QStringLiteral("--capture"), pcap} +
+                       hostArgs);
+    stopSimulator(sim);
+    EXPECT_EQ(host.exitCode, 0) << host.out.toStdString() << host.err.toStdString();
+    const QVector<Record> records = expectDecodedAsOracle(pcap);
+    EXPECT_EQ(countSent(records), framesSentOf(host.out)) << host.out.toStdString();
+    return records;
+}
+
+int countWhere(const QVector<Record> &records, const std::function<bool(const Record &)> &pred)
+{
+    int n = 0;
+    for (const Record &r : records)
+        n += pred(r) ? 1 : 0;
+    return n;
+}
+
+bool isTimeout(const Record &r)
+{
+    return r.direction == DIRECTION_RECEIVED && r.bytes.isEmpty();
+}
+
+bool checksumWrong(const Record &r)
+{
+    const QByteArray &b = r.bytes;
+    const int end = r.direction == DIRECTION_SENT ? xbcsim::ETX : xbcsim::EOT;
+    return b.size() >= 4 && b[b.size() - 1] == end &&
+           b.mid(b.size() - 3, 2) != xbcsim::hexPair(xbcsim::byteSum(b, 1, b.size() - 3));
+}
+
+QByteArray withChecksum(char start, const QByteArray &body, char end)
+{
+    QByteArray frame(1, start);
+    frame += body;
+    frame += xbcsim::hexPair(xbcsim::byteSum(frame, 1, frame.size()));
+    frame += end;
+    return frame;
+}
+
+QByteArray request(const QByteArray &body)
+{
+    return withChecksum(xbcsim::STX, body, xbcsim::ETX);
+}
+
+QByteArray ackReply(const QByteArray &body)
+{
+    return withChecksum(xbcsim::ACK, body, xbcsim::EOT);
+}
+
+} // namespace
+
+TEST(Capture, TcpRunDecodesFrameByFrame)
+{
+    QTemporaryDir dir;
+    quint16 simPort = 0;
+    const QVector<Record> records = captureOverTcp(
+        dir.filePath(QStringLiteral("run.pcap")),
+        {QStringLiteral("--set"), QStringLiteral("D_W:100=1000"), QStringLiteral("--set"),
+         QStringLiteral("D_W:101=2000"), QStringLiteral("--blink"), QStringLiteral("TX:7"),
+         QStringLiteral("--period"), QStringLiteral("100")},
+        {QStringLiteral("--watch"), QStringLiteral("D_W:100:3"), QStringLiteral("--watch"),
+         QStringLiteral("M_bit:35.3"), QStringLiteral("--watch"), QStringLiteral("TX:7"),
+         QStringLiteral("--write"), QStringLiteral("D_W:100=1234,5"), QStringLiteral("--write"),
+         QStringLiteral("M_bit:35.3=1"), QStringLiteral("--duration"), QStringLiteral("1.5")},
+        &simPort);
+    ASSERT_GT(records.size(), 6);
+    // Both writes went out as the driver builds them, and the capture holds
+    // them byte for byte.
+    int wordWrites = 0, bitSets = 0;
+    for (const Record &r : records) {
+        if (r.direction == DIRECTION_SENT)
+            EXPECT_EQ(r.destinationPort, simPort);
+        else
+            EXPECT_EQ(r.sourcePort, simPort);
+        EXPECT_TRUE(r.hasPorts);
+        wordWrites += r.bytes == request("wa" + xbcsim::hex16(200) + "0004" + xbcsim::hex16(1234) +
+                                         xbcsim::hex16(5));
+        bitSets += r.bytes == request("oi" + xbcsim::hex16(70) + "00" + xbcsim::hex16(1 << 3));
+    }
+    EXPECT_EQ(wordWrites, 1);
+    EXPECT_EQ(bitSets, 1);
+    EXPECT_EQ(countWhere(records, isTimeout), 0);
+    EXPECT_EQ(countWhere(records, checksumWrong), 0);
+}
+
+TEST(Capture, FaultyRepliesAreFlagged)
+{
+    QTemporaryDir dir;
+    const QVector<Record> records = captureOverTcp(
+        dir.filePath(QStringLiteral("faults.pcap")),
+        {QStringLiteral("--faults"), QStringLiteral("drop=8,corrupt=30,truncate=8,seed=11"),
+         QStringLiteral("--counter"), QStringLiteral("D_W:0")},
+        {QStringLiteral("--watch"), QStringLiteral("D_W:0:4"), QStringLiteral("--watch"),
+         QStringLiteral("M_bit:2.1"), QStringLiteral("--duration"), QStringLiteral("4")});
+    // The run met every kind of fault; the comparison above found each one
+    // decoded and flagged as the oracle expects.
+    EXPECT_GT(countWhere(records, isTimeout), 0);
+    EXPECT_GT(countWhere(records, checksumWrong), 0);
+    EXPECT_GT(countWhere(records,
+                         [](const Record &r) {
+                             return r.direction == DIRECTION_RECEIVED && !r.bytes.isEmpty() &&
+                                    !r.bytes.endsWith(xbcsim::EOT);
+                         }),
+              0);
+}
+
+TEST(Capture, SlowRepliesFilterByResponseTime)
+{
+    QTemporaryDir dir;
+    const QString pcap = dir.filePath(QStringLiteral("slow.pcap"));
+    const QVector<Record> records =
+        captureOverTcp(pcap, {QStringLiteral("--faults"), QStringLiteral("delay=80")},
+                       {QStringLiteral("--watch"), QStringLiteral("D_W:10:2"),
+                        QStringLiteral("--duration"), QStringLiteral("1")});
+    ASSERT_GT(records.size(), 2);
+    QSet<int> slow; // frame numbers of replies later than 50 ms
+    qint64 requestUs = -1;
+    for (int i = 0; i < records.size(); ++i) {
+        if (records[i].direction == DIRECTION_SENT)
+            requestUs = records[i].timeUs;
+        else if (requestUs >= 0 && records[i].timeUs - requestUs > 50000)
+            slow.insert(i + 1);
+    }
+    EXPECT_EQ(slow.size(), records.size() / 2); // every reply was held back 80 ms
+    QTemporaryDir home;
+    const ProgramRun t = runTshark(
+        pcap,
+        {QStringLiteral("-Y"), QStringLiteral("xbc.response_time > 0.05"), QStringLiteral("-T"),
+         QStringLiteral("fields"), QStringLiteral("-e"), QStringLiteral("frame.number")},
+        home);
+    EXPECT_TRUE(t.err.isEmpty()) << t.err.toStdString();
+    QSet<int> filtered;
+    for (const QString &line : t.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts))
+        filtered.insert(line.trimmed().toInt());
+    EXPECT_EQ(filtered, slow);
+}
+
+TEST(Capture, SerialRunOverPseudoTerminal)
+{
+    QTemporaryDir dir;
+    QProcess sim;
+    const QString pty = startSimulator(sim,
+                                       {QStringLiteral("--pty"), QStringLiteral("--no-tcp"),
+                                        QStringLiteral("--set"), QStringLiteral("D_W:0=77")},
+                                       QStringLiteral("pty "));
+    ASSERT_FALSE(pty.isEmpty()) << "the simulator did not start";
+    const QString pcap = dir.filePath(QStringLiteral("serial.pcap"));
+    const ProgramRun host = runProgram(QStringLiteral(XBC_HOST_PATH),
+                                       {QStringLiteral("--serial"), pty, QStringLiteral("--watch"),
+                                        QStringLiteral("D_W:0:2"), QStringLiteral("--write"),
+                                        QStringLiteral("D_W:1=7"), QStringLiteral("--duration"),
+                                        QStringLiteral("1"), QStringLiteral("--capture"), pcap});
+    stopSimulator(sim);
+    ASSERT_EQ(host.exitCode, 0) << host.out.toStdString() << host.err.toStdString();
+    const QVector<Record> records = expectDecodedAsOracle(pcap);
+    ASSERT_GT(records.size(), 2);
+    EXPECT_EQ(countSent(records), framesSentOf(host.out));
+    for (const Record &r : records) {
+        EXPECT_FALSE(r.hasPorts); // a serial line has no ports
+        EXPECT_TRUE(r.direction == DIRECTION_SENT || r.direction == DIRECTION_RECEIVED);
+    }
+    EXPECT_TRUE(records.first().bytes == request("ra" + xbcsim::hex16(0) + "0004"));
+    EXPECT_EQ(records[1].bytes, ackReply("r" + xbcsim::hex16(77) + xbcsim::hex16(0)));
+}
+
+namespace {
+
+// One TCP segment as an IPv4 packet on loopback.
+struct Segment {
+    bool toPlc = true;
+    QByteArray payload;
+};
+
+enum : quint16 { PLC_PORT = 8000, PANEL_PORT = 40000 };
+enum { IPV4_HEADER_BYTES = 20, TCP_HEADER_BYTES = 20 };
+
+void putBig16(QByteArray &out, quint16 v)
+{
+    out.append(char(v >> 8));
+    out.append(char(v & 0xFF));
+}
+
+void putBig32(QByteArray &out, quint32 v)
+{
+    putBig16(out, quint16(v >> 16));
+    putBig16(out, quint16(v & 0xFFFF));
+}
+
+QByteArray ipv4TcpPacket(const Segment &s, quint32 seq, quint32 ack)
+{
+    const quint32 loopback = 0x7F000001;
+    QByteArray p;
+    p.append(char(0x45)); // version 4, 20-byte header
+    p.append('\0');
+    putBig16(p, quint16(IPV4_HEADER_BYTES + TCP_HEADER_BYTES + s.payload.size()));
+    putBig32(p, 0);     // identification, fragment
+    p.append(char(64)); // time to live
+    p.append(char(6));  // TCP
+    putBig16(p, 0);     // header checksum, not checked
+    putBig32(p, loopback);
+    putBig32(p, loopback);
+    putBig16(p, s.toPlc ? PANEL_PORT : PLC_PORT);
+    putBig16(p, s.toPlc ? PLC_PORT : PANEL_PORT);
+    putBig32(p, seq);
+    putBig32(p, ack);
+    p.append(char(0x50)); // 20-byte header
+    p.append(char(0x18)); // PSH, ACK
+    putBig16(p, 0xFFFF);  // window
+    putBig32(p, 0);       // checksum, urgent pointer
+    return p + s.payload;
+}
+
+void writeTcpCapture(const QString &path, const QVector<Segment> &segments)
+{
+    pcap_t *dead = pcap_open_dead(DLT_RAW, 65535);
+    pcap_dumper_t *dumper = pcap_dump_open(dead, QFile::encodeName(path).constData());
+    ASSERT_NE(dumper, nullptr) << pcap_geterr(dead);
+    quint32 seqPanel = 1000, seqPlc = 5000;
+    int usec = 0;
+    for (const Segment &s : segments) {
+        const QByteArray packet =
+            ipv4TcpPacket(s, s.toPlc ? seqPanel : seqPlc, s.toPlc ? seqPlc : seqPanel);
+        (s.toPlc ? seqPanel : seqPlc) += quint32(s.payload.size());
+        pcap_pkthdr h{};
+        h.ts.tv_sec = 1000;
+        h.ts.tv_usec = usec += 1000;
+        h.caplen = h.len = bpf_u_int32(packet.size());
+        pcap_dump(reinterpret_cast<u_char *>(dumper), &h,
+                  reinterpret_cast<const u_char *>(packet.constData()));
+    }
+    pcap_dump_close(dumper);
+    pcap_close(dead);
+}
+
+} // namespace
+
+// On TCP port 8000 a frame may come in pieces, or share a segment with the
+// next one; each is decoded once, whole, in the segment that completes it.
+TEST(Capture, TcpStreamOnPort8000IsCutIntoFrames)
+{
+    const QByteArray read = request("ra" + xbcsim::hex16(200) + "0004");
+    const QByteArray readReply = ackReply("r" + xbcsim::hex16(0x1234) + xbcsim::hex16(7));
+    const QByteArray write = request("wa" + xbcsim::hex16(20) + "0002" + xbcsim::hex16(9));
+    const QByteArray writeReply = ackReply("w");
+    const QByteArray bitSet = request("oi" + xbcsim::hex16(70) + "00" + xbcsim::hex16(8));
+    QByteArray badReply = ackReply("o");
+    badReply[2] = 'F'; // checksum no longer matches
+    QTemporaryDir dir;
+    const QString pcap = dir.filePath(QStringLiteral("tcp.pcap"));
+    writeTcpCapture(pcap, {{true, read.left(6)},
+                           {true, read.mid(6)},
+                           {false, readReply.left(3)},
+                           {false, readReply.mid(3)},
+                           {true, write},
+                           {false, writeReply + badReply.left(1)}, // hypothetical: two in one
+                           {false, badReply.mid(1)},
+                           {true, bitSet}});
+    QTemporaryDir home;
+    const ProgramRun t =
+        runTshark(pcap,
+                  fieldArgs(QStringList{QStringLiteral("xbc.command"), QStringLiteral("xbc.word"),
+                                        QStringLiteral("xbc.data"), QStringLiteral("xbc.reply"),
+                                        QStringLiteral("xbc.checksum.status"),
+                                        QStringLiteral("xbc.response_to")} +
+                            dissectorErrorFields()),
+                  home);
+    EXPECT_EQ(t.exitCode, 0);
+    EXPECT_TRUE(t.err.isEmpty()) << t.err.toStdString();
+    const QStringList expected{
+        QStringLiteral("1"),
+        QStringLiteral("2\tr\t100\t\t\tvalid"),
+        QStringLiteral("3"),
+        QStringLiteral("4\t\t\t0x1234,0x0007\tACK\tvalid\t2"),
+        QStringLiteral("5\tw\t10\t0x0009\t\tvalid"),
+        QStringLiteral("6\t\t\t\tACK\tvalid\t5"),
+        QStringLiteral("7\t\t\t\tACK\twrong\t5"),
+        QStringLiteral("8\to\t35\t\t\tvalid"),
+    };
+    QStringList got;
+    for (const QString &line : t.out.split(QLatin1Char('\n'), Qt::SkipEmptyParts)) {
+        QString trimmed = line;
+        while (trimmed.endsWith(QLatin1Char('\t')))
+            trimmed.chop(1);
+        if (!trimmed.startsWith(QLatin1String("frame.number")))
+            got << trimmed;
+    }
+    EXPECT_EQ(got.join(QLatin1Char('\n')).toStdString(),
+              expected.join(QLatin1Char('\n')).toStdString());
+}
+
+namespace {
+
+struct OddRecord {
+    const char *what;
+    bool sent;
+    QByteArray bytes;   // empty: a timeout record
+    const char *fields; // "name=value ..." that must show; other xbc fields are not checked
+};
+
+} // namespace
+
+// Records no driver sends and no PLC answers still decode without a Lua
+// error or a malformed-packet mark, each with its own finding.
+TEST(Capture, OddRecordsDecodeWithoutErrors)
+{
+    const QVector<OddRecord> cases{
+        {"timeout before any request", false, QByteArray(), "xbc.timeout=1"},
+        {"reply before any request", false, ackReply("r0000"), "xbc.unpaired=1 xbc.data=0"},
+        {"lone STX", true, QByteArray(1, xbcsim::STX), "xbc.malformed=1"},
+        {"STX ETX", true, QByteArray("\x02\x03"), "xbc.malformed=1"},
+        {"no STX", true, QByteArray("hello\x03"), "xbc.malformed=1"},
+        {"no ETX", true, request("ra" + xbcsim::hex16(0) + "0002").chopped(1), "xbc.incomplete=1"},
+        {"unknown area, checksum not hex", true, QByteArray("\x02rZC8000014??\x03"),
+         "xbc.area=Z xbc.checksum.status=wrong xbc.checksum.wrong=1"},
+        {"address not hex", true, request("raXY000002"), "xbc.malformed=1"},
+        {"mask of two bits", true, request("oi" + xbcsim::hex16(70) + "00" + xbcsim::hex16(3)),
+         "xbc.mask=3 xbc.malformed=1"},
+        {"clear bit 5", true, request("ni" + xbcsim::hex16(70) + "00" + xbcsim::hex16(0xFFDF)),
+         "xbc.bit=5 xbc.mask=65503 xbc.command=n"},
+        {"write count and length disagree", true,
+         request("wa" + xbcsim::hex16(0) + "0006" + xbcsim::hex16(1)), "xbc.malformed=1"},
+        {"bare ACK", false, QByteArray(1, xbcsim::ACK), "xbc.incomplete=1 xbc.length_mismatch=1"},
+        {"ACK EOT", false, QByteArray("\x06\x04"), "xbc.length_mismatch=1"},
+        {"four-byte reply sums nothing", false,
+         QByteArray("\x06"
+                    "00\x04"),
+         "xbc.checksum.status=valid"},
+        {"NAK with error code", false, withChecksum(xbcsim::NAK, "r05", xbcsim::EOT),
+         "xbc.reply=NAK xbc.error=5 xbc.nak=1 xbc.checksum.status=valid"},
+        {"binary noise", false, QByteArray("\xFF\x00\x7F\x80", 4), "xbc.malformed=1"},
+        {"ACK reply data not hex", false, ackReply("rZZZZ"), "xbc.malformed=1"},
+    };
+    QTemporaryDir dir;
+    const QString pcap = dir.filePath(QStringLiteral("odd.pcap"));
+    xbchost::Capture capture;
+    ASSERT_TRUE(xbchost::openCapture(capture, pcap).isEmpty());
+    const xbchost::CaptureEnds serial;
+    for (const OddRecord &c : cases) {
+        if (c.sent)
+            xbchost::recordSent(capture, serial, c.bytes);
+        else if (c.bytes.isEmpty())
+            xbchost::recordTimeout(capture, serial);
+        else
+            xbchost::recordReceived(capture, serial, c.bytes);
+    }
+    xbchost::closeCapture(capture);
+
+    QVector<Record> records;
+    ASSERT_TRUE(readCapture(pcap, records).isEmpty());
+    ASSERT_EQ(records.size(), cases.size());
+    QStringList fields;
+    for (const OddRecord &c : cases)
+        for (const QString &kv : QString::fromLatin1(c.fields).split(QLatin1Char(' ')))
+            if (!fields.contains(kv.section(QLatin1Char('='), 0, 0)))
+                fields << kv.section(QLatin1Char('='), 0, 0);
+    fields << dissectorErrorFields();
+    QTemporaryDir home;
+    const ProgramRun t = runTshark(pcap, fieldArgs(fields), home);
+    EXPECT_TRUE(t.err.isEmpty()) << t.err.toStdString();
+    const QVector<Fields> shown = parseTsharkFields(t.out, fields);
+    ASSERT_EQ(shown.size(), cases.size());
+    for (int i = 0; i < cases.size(); ++i) {
+        EXPECT_EQ(records[i].bytes, cases[i].bytes) << cases[i].what;
+        EXPECT_EQ(records[i].direction, cases[i].sent ? DIRECTION_SENT : DIRECTION_RECEIVED);
+        for (const QString &error : dissectorErrorFields())
+            EXPECT_FALSE(shown[i].contains(error)) << cases[i].what << ": " << error.toStdString();
+        for (const QString &kv : QString::fromLatin1(cases[i].fields).split(QLatin1Char(' ')))
+            EXPECT_EQ(shown[i].value(kv.section(QLatin1Char('='), 0, 0)).toStdString(),
+                      kv.section(QLatin1Char('='), 1).toStdString())
+                << cases[i].what;
+    }
+}
