@@ -216,7 +216,7 @@ local function add_checksum(tvb, tree, n)
     tree:add(f.checksum_computed, tvb(pos, 2), computed):set_generated()
     if not good then
         item:add_proto_expert_info(ex.checksum,
-            string.format("Checksum wrong: sum is %02X", computed))
+            string.format("Checksum wrong: the bytes sum to %02X", computed))
     end
     return good
 end
