@@ -223,7 +223,20 @@ end
 
 local function word_label(letter, word)
     local reg = register_of(letter, false) or ("area " .. letter)
+    if CONTACT_AREAS[letter] then
+        return string.format("%s %d-%d", reg, word * 16, word * 16 + 15)
+    end
     return string.format("%s %d", reg, word)
+end
+
+-- The contacts a word of TX or CX holds on: bit b of the word (the low byte
+-- travels first) is contact word * 16 + b.
+local function contacts_on(word, value)
+    local on = {}
+    for b = 0, 15 do
+        if math.floor(value / 2 ^ b) % 2 == 1 then on[#on + 1] = tostring(word * 16 + b) end
+    end
+    return #on > 0 and table.concat(on, ", ") or "none"
 end
 
 -- Data words as hex pairs from pos, four characters per word.
@@ -232,10 +245,14 @@ local function add_words(tvb, tree, pos, count, letter, first_word)
         local at = pos + 4 * k
         local value = hex16(tvb, at)
         if value then
-            local label = first_word and letter
-                and string.format("Data: %s = 0x%04X (%d)", word_label(letter, first_word + k),
+            local label = string.format("Data: word %d = 0x%04X (%d)", k, value, value)
+            if first_word and letter then
+                label = string.format("Data: %s = 0x%04X (%d)", word_label(letter, first_word + k),
                     value, value)
-                or string.format("Data: word %d = 0x%04X (%d)", k, value, value)
+                if CONTACT_AREAS[letter] then
+                    label = label .. ", on: " .. contacts_on(first_word + k, value)
+                end
+            end
             tree:add(f.data, tvb(at, 4), value, label)
         else
             tree:add_tvb_expert_info(ex.malformed, tvb(at, 4), "Data word is not hex")
