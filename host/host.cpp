@@ -1,6 +1,7 @@
 // The runtime's side of a communication run: setup, the value-change
 // callback, writes, condition reads, recipes and the send/receive loop.
 #include "xbc_host.h"
+#include "capture.h"
 #include "xbc_sim.h"
 
 #include <QDateTime>
@@ -141,10 +142,36 @@ int piecesOf(const Host &host, const QString &regName, int count)
     return (count + limit - 1) / limit;
 }
 
+CaptureEnds captureEndsOf(const Host &host)
+{
+    CaptureEnds ends;
+    const QTcpSocket *socket = host.link.tcp.get();
+    if (host.link.config.kind != LinkConfig::Tcp || !socket)
+        return ends;
+    ends.tcp = true;
+    ends.hostAddress = socket->localAddress();
+    ends.hostPort = socket->localPort();
+    ends.plcAddress = socket->peerAddress();
+    ends.plcPort = socket->peerPort();
+    return ends;
+}
+
+// Bytes from the PLC as they came; nothing at all is recorded as a timeout.
+void captureReceived(Host &host, const QByteArray &bytes)
+{
+    if (!host.capture)
+        return;
+    if (bytes.isEmpty())
+        recordTimeout(*host.capture, captureEndsOf(host));
+    else
+        recordReceived(*host.capture, captureEndsOf(host), bytes);
+}
+
 // Reply bytes until EOT, replyLen bytes, the timeout or a lost link.
 QByteArray collectReply(Host &host, QIODevice &device, int replyLen)
 {
     QByteArray got;
+    QByteArray pastEot; // a doubled reply's surplus, kept for the capture
     QElapsedTimer timer;
     timer.start();
     QEventLoop loop;
@@ -159,6 +186,7 @@ QByteArray collectReply(Host &host, QIODevice &device, int replyLen)
         got += device.readAll();
         const int eot = got.indexOf(EOT_BYTE);
         if (eot >= 0) {
+            pastEot = got.mid(eot + 1);
             got.truncate(eot + 1);
             break;
         }
@@ -170,6 +198,9 @@ QByteArray collectReply(Host &host, QIODevice &device, int replyLen)
         wake.start(int(left));
         loop.exec();
     }
+    captureReceived(host, got);
+    if (!pastEot.isEmpty())
+        captureReceived(host, pastEot);
     return got;
 }
 
@@ -180,9 +211,14 @@ QIODevice *deviceOf(Host &host)
     return host.link.serial.get();
 }
 
-void sendBytes(QIODevice &device, const QByteArray &bytes)
+void sendBytes(Host &host, QIODevice &device, const QByteArray &bytes)
 {
-    device.readAll(); // a late or doubled reply must not pass for the next one
+    // A late or doubled reply must not pass for the next one.
+    const QByteArray stale = device.readAll();
+    if (!stale.isEmpty())
+        captureReceived(host, stale);
+    if (host.capture)
+        recordSent(*host.capture, captureEndsOf(host), bytes);
     device.write(bytes);
     if (auto *serial = qobject_cast<QSerialPort *>(&device))
         serial->flush();
@@ -434,7 +470,7 @@ Step exchangeOnce(Host &host)
     if (frameLen > 0) {
         QIODevice &device = *deviceOf(host);
         const QByteArray bytes(reinterpret_cast<const char *>(f.frame), frameLen);
-        sendBytes(device, bytes);
+        sendBytes(host, device, bytes);
         ++host.stats.framesSent;
         traceLine(host, QStringLiteral("->"), xbcsim::printable(bytes));
         reply = collectReply(host, device, f.replyLen);

@@ -1,6 +1,7 @@
 // xbc-host: plays the HMI runtime against a PLC (or the built-in simulator),
 // prints every value change and a summary.
 #include "console.h"
+#include "capture.h"
 #include "xbc_host.h"
 #include "xbc_sim.h"
 
@@ -140,7 +141,12 @@ int main(int argc, char **argv)
     const QCommandLineOption durationOpt(QStringLiteral("duration"),
         QStringLiteral("Run this many seconds (default 5; 0 runs until interrupted)."),
         QStringLiteral("SECONDS"), QStringLiteral("5"));
+    const QCommandLineOption captureOpt(QStringLiteral("capture"),
+        QStringLiteral("Write every frame sent and every reply received (a timeout as an empty "
+                       "record) to FILE, a pcap file for Wireshark with the xbc dissector."),
+        QStringLiteral("FILE"));
     parser.addOptions({tcpOpt, serialOpt, lineOpt, watchOpt, writeOpt, propsOpt, traceOpt,
+    parser.addOption(captureOpt);
                        durationOpt, driverOpt});
     const QCommandLineOption httpOpt(
         QStringLiteral("http"),
@@ -225,6 +231,13 @@ int main(int argc, char **argv)
     printOut(QStringLiteral("driver %1 version %2, properties %3, %4 watched range(s)")
                  .arg(path, host.api.getVersion(), host.config.properties)
                  .arg(host.keys.size()));
+    xbchost::Capture capture;
+    if (parser.isSet(captureOpt)) {
+        error = xbchost::openCapture(capture, parser.value(captureOpt));
+        if (!error.isEmpty())
+            return usageError(error);
+        host.capture = &capture;
+    }
     xbchost::startRun(host);
     xbchost::ConsoleHandle console;
     if (parser.isSet(httpOpt)) {
@@ -269,5 +282,6 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "xbc-host: the link never came up\n");
     printOut(xbchost::summaryText(host));
     xbchost::closeLink(host);
+    xbchost::closeCapture(capture);
     return host.link.connects > 0 ? 0 : 1;
 }

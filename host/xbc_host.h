@@ -26,6 +26,8 @@
 
 namespace xbchost {
 
+struct Capture; // capture.h
+
 // ---------------------------------------------------------------------------
 // The driver's exported functions, resolved by their plain names.
 
@@ -203,6 +205,7 @@ struct Host {
     int conditionsDone = 0;
     int conditionsFailed = 0;
     QList<int> uploadedWords; // "RWI" notifications, recipe buffer words
+    Capture *capture = nullptr; // not owned; null: no capture file
 };
 
 // Register kind as the driver reports it (bit registers, TX and CX).
