@@ -1,7 +1,7 @@
 // xbc-host: plays the HMI runtime against a PLC (or the built-in simulator),
 // prints every value change and a summary.
-#include "console.h"
 #include "capture.h"
+#include "console.h"
 #include "xbc_host.h"
 #include "xbc_sim.h"
 
@@ -146,8 +146,8 @@ int main(int argc, char **argv)
                        "record) to FILE, a pcap file for Wireshark with the xbc dissector."),
         QStringLiteral("FILE"));
     parser.addOptions({tcpOpt, serialOpt, lineOpt, watchOpt, writeOpt, propsOpt, traceOpt,
-    parser.addOption(captureOpt);
                        durationOpt, driverOpt});
+    parser.addOption(captureOpt);
     const QCommandLineOption httpOpt(
         QStringLiteral("http"),
         QStringLiteral("Serve the browser console on [ADDRESS:]PORT: live values, watches, writes, "
