@@ -32,7 +32,7 @@ enum {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int DEFAULT_MAX_RSS_MIB = 768;
 #else
-constexpr int DEFAULT_MAX_RSS_MIB = 128;
+constexpr int DEFAULT_MAX_RSS_MIB = 64;
 #endif
 
 const char *const DEFAULT_FAULTS = "drop=10,corrupt=10,truncate=5,delay=5";
