@@ -234,7 +234,7 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
     QList<Watched> items;
     for (const Case &c : cases) {
         const QString reg = QLatin1String(c.reg);
-        items.append({reg, c.address, c.values.size()});
+        items.append({reg, c.address, int(c.values.size())});
         // Watched in keys of at most 50 units: one read request holds 127 words.
         for (int from = 0; from < c.values.size(); from += 50) {
             KEY_ADDRESS key;
