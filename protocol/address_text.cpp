@@ -40,7 +40,7 @@ int a2i(const QString &text, int &value, const QString &format, const QString &r
 
 int addr_str2int(const QString &text, const QString &regName)
 {
-    if (!isBitRegName(regName))
+    if (!registerOf(regName).bitInWord)
         return 0;
     const QStringList parts = text.split(QLatin1Char('.'));
     if (parts.size() != 2)
@@ -57,7 +57,7 @@ int addr_str2int(const QString &text, const QString &regName)
 
 QString addr_int2str(int value, const QString &regName)
 {
-    if (!isBitRegName(regName))
+    if (!registerOf(regName).bitInWord)
         return QString(QLatin1String(""));
     return QString::number(value / 16) + QLatin1Char('.') + QString::number(value % 16);
 }
@@ -70,9 +70,13 @@ int addrOffset(const QString &regName, int value)
 
 unsigned int getRegAddressWeight(int station, const QString &regName, int value)
 {
+    return addressWeight(station, int(driver.regNameList.indexOf(regName)), value);
+}
+
+unsigned int addressWeight(int station, int position, int value)
+{
     const quint32 n = quint32(driver.regNameList.size());
-    const quint32 position = quint32(driver.regNameList.indexOf(regName));
-    return quint32(station) * (n * 65535u) + position * 65535u + quint32(value);
+    return quint32(station) * (n * 65535u) + quint32(position) * 65535u + quint32(value);
 }
 
 int uchar2int16(unsigned char low, unsigned char high)

@@ -51,28 +51,26 @@ void sealFrame(unsigned char *frame, int frameLen)
     frame[frameLen - 1] = ETX;
 }
 
-char areaLetter(const QString &regName)
-{
-    const int index = getIndexFromRegName(regName);
-    if (index < 0 || ADDRESS_RW_COMMAND[index].isEmpty())
-        return 0;
-    return ADDRESS_RW_COMMAND[index].at(0).toLatin1();
-}
-
 // STX, command, area letter, byte address of the first word, "00".
 static void writeFrameHead(unsigned char *frame, char command, char letter, int wordNumber)
 {
     frame[0] = STX;
-    frame[1] = (unsigned char)command;
-    frame[2] = (unsigned char)letter;
-    putHex16(frame + 3, quint16(quint32(wordNumber) * 2u));
-    frame[7] = '0';
-    frame[8] = '0';
+    frame[FRAME_COMMAND] = (unsigned char)command;
+    frame[FRAME_AREA] = (unsigned char)letter;
+    putHex16(frame + FRAME_ADDRESS, quint16(quint32(wordNumber) * 2u));
+    frame[FRAME_RESERVED] = '0';
+    frame[FRAME_RESERVED + 1] = '0';
 }
 
+// Bits go on the wire as the words that hold them.
 static int wireWordNumber(const VARIABLE &var)
 {
-    return isWireBitRegister(var.regName) ? var.address / 16 : var.address;
+    return registerOf(var.regName).wireBits() ? var.address / WIRE_WORD_BITS : var.address;
+}
+
+static int wordWriteLength(int words)
+{
+    return FRAME_DATA + 4 * words + FRAME_TRAILER;
 }
 
 void handShakeFrame()
@@ -86,12 +84,12 @@ void handShakeFrame()
 static void queueReadFrame(const VARIABLE &var)
 {
     FRAME_PRO frame;
-    writeFrameHead(frame.frame, 'r', areaLetter(var.regName), wireWordNumber(var));
-    putHexPair(frame.frame + 9, (unsigned char)((var.count * 2) & 0xFF));
+    writeFrameHead(frame.frame, 'r', registerOf(var.regName).letter, wireWordNumber(var));
+    putHexPair(frame.frame + FRAME_COUNT, (unsigned char)((var.count * 2) & 0xFF));
     sealFrame(frame.frame, READ_FRAME_LEN);
     frame.frameLen = READ_FRAME_LEN;
-    frame.replyLen = var.count * 4 + 5;
-    frame.dataPos = 2;
+    frame.replyLen = var.count * 4 + REPLY_OVERHEAD;
+    frame.dataPos = REPLY_DATA;
     frame.wordCount = var.count;
     frame.var = var;
     driver.sendList.append(frame);
@@ -100,7 +98,7 @@ static void queueReadFrame(const VARIABLE &var)
 // Units a piece of `words` words advances the address by in the request's own units.
 static int unitsPerWord(const VARIABLE &var)
 {
-    return isBitRegName(var.regName) ? 16 : 1;
+    return registerOf(var.regName).bitInWord ? WIRE_WORD_BITS : 1;
 }
 
 int getReadFrame(QList<VARIABLE> vars)
@@ -108,7 +106,7 @@ int getReadFrame(QList<VARIABLE> vars)
     if (vars.isEmpty())
         return 0;
     VARIABLE var = vars.first();
-    if (areaLetter(var.regName) == 0 || var.count < 1)
+    if (registerOf(var.regName).letter == 0 || var.count < 1)
         return 0;
     // A block longer than one frame can describe is read as several frames,
     // each decoded into its own records.
@@ -138,11 +136,11 @@ static void queueWordWrite(const VARIABLE &request)
 {
     FRAME_PRO frame;
     const int n = request.count;
-    writeFrameHead(frame.frame, 'w', areaLetter(request.regName), request.address);
-    putHexPair(frame.frame + 9, (unsigned char)((n * 2) & 0xFF));
+    writeFrameHead(frame.frame, 'w', registerOf(request.regName).letter, request.address);
+    putHexPair(frame.frame + FRAME_COUNT, (unsigned char)((n * 2) & 0xFF));
     for (int i = 0; i < 2 * n; ++i)
-        putHexPair(frame.frame + 11 + 2 * i, request.data[i]);
-    queueWriteRecord(frame, request, 4 * n + 14);
+        putHexPair(frame.frame + FRAME_DATA + 2 * i, request.data[i]);
+    queueWriteRecord(frame, request, wordWriteLength(n));
 }
 
 // Word writes longer than one frame are cut into frames of at most 127 words;
@@ -165,9 +163,10 @@ static void queueSingleBitWrite(const VARIABLE &request)
 {
     FRAME_PRO frame;
     const bool set = request.data[0] != 0;
-    writeFrameHead(frame.frame, set ? 'o' : 'n', areaLetter(request.regName), request.address / 16);
-    const quint16 bit = quint16(1u << (request.address % 16));
-    putHex16(frame.frame + 9, set ? bit : quint16(~bit));
+    writeFrameHead(frame.frame, set ? 'o' : 'n', registerOf(request.regName).letter,
+                   request.address / WIRE_WORD_BITS);
+    const quint16 bit = quint16(1u << (request.address % WIRE_WORD_BITS));
+    putHex16(frame.frame + FRAME_COUNT, set ? bit : quint16(~bit));
     queueWriteRecord(frame, request, BIT_FRAME_LEN);
 }
 
@@ -191,27 +190,55 @@ static int queueContactWrites(const VARIABLE &request)
 static int queueReadModifyWrite(const VARIABLE &request)
 {
     VARIABLE words = request;
-    words.regName = areaPrefix(request.regName) + QLatin1String("_W");
-    words.address = request.address / 16;
-    words.count = (request.address % 16 + request.count + 15) / 16;
-    if (areaLetter(words.regName) == 0 || words.count > MAX_WORDS_PER_FRAME)
+    const UnitRun run = unitRunOfBits(request.address, request.count, WIRE_WORD_BITS);
+    words.regName = registerOf(request.regName).readName;
+    words.address = run.address;
+    words.count = run.count;
+    const char letter = registerOf(words.regName).letter;
+    if (letter == 0 || words.count > MAX_WORDS_PER_FRAME)
         return 0;
     queueReadFrame(words);
     driver.sendList.last().var = request;
 
     FRAME_PRO write;
-    writeFrameHead(write.frame, 'w', areaLetter(words.regName), words.address);
-    putHexPair(write.frame + 9, (unsigned char)((words.count * 2) & 0xFF));
-    memset(write.frame + 11, '0', size_t(4 * words.count));
-    queueWriteRecord(write, request, 4 * words.count + 14);
+    writeFrameHead(write.frame, 'w', letter, words.address);
+    putHexPair(write.frame + FRAME_COUNT, (unsigned char)((words.count * 2) & 0xFF));
+    memset(write.frame + FRAME_DATA, '0', size_t(4 * words.count));
+    queueWriteRecord(write, request, wordWriteLength(words.count));
     return 2;
+}
+
+bool completeReadModifyWrite(FRAME_PRO &write, const QByteArray &reply, int words, int start,
+                             const VARIABLE &request, int stride)
+{
+    if (words < 1 || request.address < 0 || write.wordCount != 0 ||
+        wordWriteLength(words) != write.frameLen)
+        return false;
+    QVector<quint16> merged(words);
+    for (int j = 0; j < words; ++j)
+        merged[j] =
+            quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
+    for (int i = 0; i < request.count && stride * i < DATA_BYTES; ++i) {
+        const int b = request.address % WIRE_WORD_BITS + i;
+        if (b / WIRE_WORD_BITS >= words)
+            break;
+        const quint16 mask = quint16(1u << (b % WIRE_WORD_BITS));
+        merged[b / WIRE_WORD_BITS] = request.data[stride * i] != 0
+                                         ? quint16(merged[b / WIRE_WORD_BITS] | mask)
+                                         : quint16(merged[b / WIRE_WORD_BITS] & ~mask);
+    }
+    for (int j = 0; j < words; ++j)
+        putHex16(write.frame + FRAME_DATA + 4 * j, merged[j]);
+    sealFrame(write.frame, write.frameLen);
+    return true;
 }
 
 int getWriteFrame(VARIABLE &request)
 {
-    if (areaLetter(request.regName) == 0 || request.count < 1)
+    const Register reg = registerOf(request.regName);
+    if (reg.letter == 0 || request.count < 1)
         return 0;
-    if (!isWireBitRegister(request.regName))
+    if (!reg.wireBits())
         return queueWordWrites(request);
     if (request.count > DATA_BYTES)
         return 0;
@@ -219,7 +246,7 @@ int getWriteFrame(VARIABLE &request)
         queueSingleBitWrite(request);
         return 1;
     }
-    if (!isBitRegName(request.regName))
+    if (!reg.bitInWord)
         return queueContactWrites(request);
     return queueReadModifyWrite(request);
 }

@@ -19,7 +19,8 @@ int mergeRule(const MergeRun &block, const MergeRun &next, int allowGap)
     if (gap > allowance)
         return 1;
     // Contacts share a request only as exact repeats of the block's first one.
-    if (block.regName == QLatin1String("TX") || block.regName == QLatin1String("CX"))
+    const Register *reg = tableRegister(block.regName);
+    if (reg != nullptr && reg->contact)
         return block.address != next.address ? 1 : 0;
     return 0;
 }

@@ -5,16 +5,16 @@ int check_rcv_data(const unsigned char *buf, QList<VARIABLE> vars, int len)
 {
     Q_UNUSED(vars);
     if (driver.sendList.isEmpty() || buf == nullptr)
-        return 0;
+        return REPLY_BAD;
     const FRAME_PRO &head = driver.sendList.first();
     if (head.replyLen <= 4 || len < 4 || len > 0xFFFF)
-        return 0;
+        return REPLY_BAD;
     if (buf[0] != ACK || buf[len - 1] != EOT)
-        return 0;
+        return REPLY_BAD;
     const quint16 sum = computate_check(buf + 1, quint16(len - 4));
     unsigned char expected[2];
     putHexPair(expected, (unsigned char)(sum & 0xFF));
     if (buf[len - 3] != expected[0] || buf[len - 2] != expected[1])
-        return 0;
-    return head.wordCount != 0 ? 1 : 2;
+        return REPLY_BAD;
+    return head.wordCount != 0 ? REPLY_READ_DATA : REPLY_WRITE_ACK;
 }

@@ -4,20 +4,9 @@
 #define XBC_PROTOCOL_H
 
 #include "ls_xbc_cpu_direct.h"
+#include "registers.h"
 
 #include <QStringList>
-
-// --- register table lookups ---
-int getIndexFromRegName(const QString &regName);
-// Row of ADDRESS_RANGE_PRO for a name: its register index, or the fallback row.
-int regRowOf(const QString &regName);
-const QString &regColumn(const QString &regName, int column);
-int regDataBits(const QString &regName);
-int regUnitBits(const QString &regName);
-bool isBitRegName(const QString &regName);      // contains "_bit"
-bool isWireBitRegister(const QString &regName); // "_bit", "TX" or "CX"
-// The part of a register name before its first "_" ("M" for "M_bit").
-QString areaPrefix(const QString &regName);
 
 // --- address texts ---
 int a2i(const QString &text, int &value, const QString &format, const QString &regName);
@@ -25,6 +14,8 @@ int addr_str2int(const QString &text, const QString &regName);
 QString addr_int2str(int value, const QString &regName);
 int addrOffset(const QString &regName, int value);
 unsigned int getRegAddressWeight(int station, const QString &regName, int value);
+// The same with the register's position in driver.regNameList.
+unsigned int addressWeight(int station, int position, int value);
 int uchar2int16(unsigned char low, unsigned char high);
 int uchar2int32(unsigned char b0, unsigned char b1, unsigned char b2, unsigned char b3);
 // A format with a second kind of character (the "." of "DDDD.DD") is word.bit.
@@ -47,7 +38,22 @@ int mergeRule(const MergeRun &block, const MergeRun &next, int allowGap);
 
 // --- frame layout ---
 enum { STX = 0x02, ETX = 0x03, EOT = 0x04, ACK = 0x06, NAK = 0x15 };
+// A request: STX, command, area letter, byte address (two pairs, low byte
+// first), "00", byte count pair or bit mask, data pairs, checksum pair, ETX.
+enum {
+    FRAME_COMMAND = 1,
+    FRAME_AREA = 2,
+    FRAME_ADDRESS = 3,
+    FRAME_RESERVED = 7,
+    FRAME_COUNT = 9,
+    FRAME_DATA = 11,
+    FRAME_TRAILER = 3, // checksum pair and ETX
+};
 enum { READ_FRAME_LEN = 14, BIT_FRAME_LEN = 16, WRITE_REPLY_LEN = 5 };
+// A reply: ACK, the command character, data, checksum pair, EOT.
+enum { REPLY_DATA = 2, REPLY_OVERHEAD = 5 };
+// Bits travel as the 16-bit words that hold them.
+constexpr int WIRE_WORD_BITS = 16;
 // Largest word count one request can describe (its byte count is one hex pair).
 constexpr int MAX_WORDS_PER_FRAME = 127;
 // Most words one read request is read for (the largest register holds 32768):
@@ -60,8 +66,6 @@ unsigned char asc2hex(const QByteArray &bytes, int pos);
 quint16 computate_check(const unsigned char *bytes, quint16 n);
 // Writes the checksum pair and ETX at the end of a frame of frameLen bytes.
 void sealFrame(unsigned char *frame, int frameLen);
-// Memory-area letter of a register, 0 when it has none.
-char areaLetter(const QString &regName);
 
 void handShakeFrame();
 // Queues a read frame for the first variable; returns the number of variables
@@ -70,8 +74,14 @@ int getReadFrame(QList<VARIABLE> vars);
 // Queues the frames of one write request; returns the number queued (0 when
 // the request cannot be put into a frame).
 int getWriteFrame(VARIABLE &request);
+// Fills the word write of a several-bit write from the reply to its read: the
+// words read with the request's bits merged in (one data byte per bit every
+// `stride` bytes; any non-zero byte sets). False when the frames do not match.
+bool completeReadModifyWrite(FRAME_PRO &write, const QByteArray &reply, int words, int start,
+                             const VARIABLE &request, int stride);
 
 // --- reply check ---
+enum ReplyCheck { REPLY_BAD = 0, REPLY_READ_DATA = 1, REPLY_WRITE_ACK = 2 };
 int check_rcv_data(const unsigned char *buf, QList<VARIABLE> vars, int len);
 
 #endif

@@ -27,14 +27,14 @@ static int checkAddress(const QString &regName, const QString &addrText, int *ad
     const int index = getIndexFromRegName(regName);
     if (index >= 0) {
         const QString *row = ADDRESS_RANGE_PRO[index];
-        const bool bitRegister = row[COL_DATA_BITS] == QLatin1String("1");
+        const Register &reg = *tableRegister(regName);
+        const bool bitRegister = reg.dataBits == 1;
         if (bitRegister != req.askedAsBit)
             return 1;
         if (req.checkAccess && row[COL_ACCESS] == QLatin1String("R") &&
             (req.accessMode == 1 || req.accessMode == 2))
             return 6;
-        if (req.checkDataType && row[COL_DATA_BITS] == QLatin1String("32") &&
-            !dataTypeFitsDoubleWord(req.dataType))
+        if (req.checkDataType && reg.dataBits == 32 && !dataTypeFitsDoubleWord(req.dataType))
             return 5;
         const int parsed = a2i(addrText, value, row[COL_FORMAT], regName);
         if (address != nullptr)
@@ -43,7 +43,7 @@ static int checkAddress(const QString &regName, const QString &addrText, int *ad
             return 4;
         a2i(row[COL_MAX], maximum, row[COL_FORMAT], regName);
         a2i(row[COL_MIN], minimum, row[COL_FORMAT], regName);
-        unit = req.askedAsBit ? 16 : row[COL_UNIT_BITS].toInt();
+        unit = req.askedAsBit ? 16 : reg.unitBits;
     }
     if (value < minimum)
         return 2;
@@ -70,19 +70,14 @@ int intf_checkAddr(const QString &regName, const QString &addrText, int *address
                         CheckRequest{dataType == -1, true, accessMode, true, dataType});
 }
 
-static bool stepsByElement(const QString &regName)
-{
-    return isBitRegName(regName) || regName == QLatin1String("TX") ||
-           regName == QLatin1String("CX");
-}
-
 static int resolveStep(const QString &regName, int step)
 {
     if (step == -1 || step == -2) {
-        if (stepsByElement(regName)) {
-            step = 1;
+        const Register reg = registerOf(regName);
+        if (reg.wireBits()) {
+            step = 1; // bits step by element
         } else {
-            const float unitBits = float(regUnitBits(regName));
+            const float unitBits = float(reg.unitBits);
             step = unitBits > 0 ? int((step == -1 ? 16.0f : 32.0f) / unitBits) : 0;
         }
     }

@@ -1,34 +1,6 @@
 // The local image of PLC memory: records found by key, and monitor flags.
 #include "service.h"
 
-RegisterView registerViewFor(const QString &regName, int dataBits, int unitBits)
-{
-    const bool bitName = isBitRegName(regName);
-    if ((dataBits == 1 || dataBits == 8) && !bitName)
-        return {MAP_PER_BIT, regName};
-    const QString area = areaPrefix(regName);
-    switch (dataBits) {
-    case 16:
-        return {unitBits == 8 ? MAP_WORD_OF_BYTES : MAP_WORD, area};
-    case 32:
-        if (unitBits == 16)
-            return {MAP_DWORD_OF_WORDS, area};
-        return {unitBits == 8 ? MAP_DWORD_OF_BYTES : MAP_DWORD, area};
-    case 1:
-    case 8:
-        if (unitBits == 16)
-            return {MAP_BIT_IN_WORD, area};
-        return {unitBits == 8 ? MAP_BIT_IN_BYTE : MAP_NONE, area};
-    default:
-        return {MAP_NONE, area};
-    }
-}
-
-RegisterView registerViewOf(const QString &regName)
-{
-    return registerViewFor(regName, regDataBits(regName), regUnitBits(regName));
-}
-
 const unsigned char *shownBytes(const _DATA_ &record)
 {
     return record.writePending ? record.writtenValue : record.value;
@@ -69,20 +41,7 @@ static void growIndex(DataAreaIndex &index)
     }
 }
 
-static int areaNumberOfName(DataAreaIndex &index, const QString &name);
-
 static int areaNumberOf(DataAreaIndex &index, const QString &name)
-{
-    // The units of one key share their area string: no hashing for those.
-    if (index.lastAreaNumber >= 0 && name.constData() == index.lastArea.constData() &&
-        name.size() == index.lastArea.size())
-        return index.lastAreaNumber;
-    index.lastArea = name;
-    index.lastAreaNumber = areaNumberOfName(index, name);
-    return index.lastAreaNumber;
-}
-
-static int areaNumberOfName(DataAreaIndex &index, const QString &name)
 {
     const auto found = index.areaNumbers.constFind(name);
     if (found != index.areaNumbers.constEnd())
@@ -176,9 +135,7 @@ QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int coun
         return run;
     for (int k = run.size(); k < count; ++k)
         run.append(getIndexOfDataArea(stationNo, name, addrAt(first, k), driver.dataAreas));
-    // Runs come from the read plan; a runtime that reads everywhere only
-    // costs the cache its content.
-    if (driverPrivate.dataAreaRuns.size() >= 4096)
+    if (driverPrivate.dataAreaRuns.size() >= MAX_CACHED_RUNS)
         driverPrivate.dataAreaRuns.clear();
     driverPrivate.dataAreaRuns.insert(key, run);
     return run;
@@ -190,57 +147,17 @@ int _setBitValue(int value, int bit, int on)
     return int(on ? quint32(value) | mask : quint32(value) & ~mask);
 }
 
-static void markValue(int stationNo, const QString &area, int address, int flag)
+int monitorFlagsFor(const Register &reg, int stationNo, int start, int count)
 {
-    const int index = getIndexOfDataArea(stationNo, area, address, driver.dataAreas);
-    _DATA_ &r = driver.dataAreas[index];
-    r.valueMonitor = quint32(_setBitValue(int(r.valueMonitor), flag, 1));
-}
-
-static void markBit(int stationNo, const QString &area, int bitAddress, int unitBits)
-{
-    if (bitAddress < 0)
-        return;
-    const int index = getIndexOfDataArea(stationNo, area, bitAddress / unitBits, driver.dataAreas);
-    _DATA_ &r = driver.dataAreas[index];
-    r.bitMonitor = quint32(_setBitValue(int(r.bitMonitor), bitAddress % unitBits, 1));
-}
-
-int monitorFlagsFor(const RegisterView &view, int stationNo, int start, int count)
-{
-    const bool doubleWord = view.kind == MAP_DWORD_OF_WORDS || view.kind == MAP_DWORD_OF_BYTES ||
-                            view.kind == MAP_DWORD;
-    const int values = qMin(doubleWord ? count / 2 : count, int(MAX_VALUES_PER_CALL));
-    for (int i = 0; i < values; ++i) {
-        switch (view.kind) {
-        case MAP_WORD:
-        case MAP_DWORD:
-        case MAP_PER_BIT:
-            markValue(stationNo, view.area, addrAt(start, i), 0);
-            break;
-        case MAP_WORD_OF_BYTES:
-        case MAP_DWORD_OF_WORDS:
-            markValue(stationNo, view.area, addrAt(start, 2 * i), 1);
-            markValue(stationNo, view.area, addrAt(start, 2 * i + 1), 2);
-            break;
-        case MAP_DWORD_OF_BYTES:
-            for (int k = 0; k < 4; ++k)
-                markValue(stationNo, view.area, addrAt(start, 4 * i + k), 3 + k);
-            break;
-        case MAP_BIT_IN_WORD:
-            markBit(stationNo, view.area, addrAt(start, i), 16);
-            break;
-        case MAP_BIT_IN_BYTE:
-            markBit(stationNo, view.area, addrAt(start, i), 8);
-            break;
-        case MAP_NONE:
-            return 0;
-        }
-    }
+    walkRecords(reg, start, count, [&](const RecordSlot &slot) {
+        if (!slot.hasRecord())
+            return;
+        const int index = getIndexOfDataArea(stationNo, reg.area, slot.address, driver.dataAreas);
+        _DATA_ &r = driver.dataAreas[index];
+        if (slot.bytes == 0)
+            r.bitMonitor = quint32(_setBitValue(int(r.bitMonitor), slot.part, 1));
+        else
+            r.valueMonitor = quint32(_setBitValue(int(r.valueMonitor), slot.flag, 1));
+    });
     return 0;
-}
-
-int _setDataAreaMonitorFlag(int stationNo, QString regName, int start, int count)
-{
-    return monitorFlagsFor(registerViewOf(regName), stationNo, start, count);
 }

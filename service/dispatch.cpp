@@ -21,11 +21,11 @@ QString getErrorInfo(QByteArray reply)
 
 static void decodeWords(const QByteArray &reply, int count, int start, const VARIABLE &var)
 {
-    const QString area = areaPrefix(var.regName);
+    const Register reg = registerOf(var.regName);
     // A bit-addressed read (a recipe block of a bit register) reads the words
     // that hold its bits: its records are keyed by word number.
-    const int firstWord = isBitRegName(var.regName) ? var.address / 16 : var.address;
-    const QVector<int> records = dataAreaRun(var.stationNo, area, firstWord, count);
+    const int firstWord = reg.bitInWord ? var.address / WIRE_WORD_BITS : var.address;
+    const QVector<int> records = dataAreaRun(var.stationNo, reg.area, firstWord, count);
     for (int k = 0; k < count; ++k) {
         const unsigned char lo = asc2hex(reply, start + 4 * k);
         const unsigned char hi = asc2hex(reply, start + 4 * k + 2);
@@ -49,7 +49,7 @@ static void decodeContacts(const QByteArray &reply, int count, int start, const 
         return;
     const QVector<int> records = dataAreaRun(var.stationNo, var.regName, var.address, count);
     for (int k = 0; k < count; ++k) {
-        const int b = var.address % 16 + k; // position from bit 0 of the first word read
+        const int b = var.address % WIRE_WORD_BITS + k; // from bit 0 of the first word read
         const unsigned char bit = (asc2hex(reply, start + 2 * (b / 8)) >> (b % 8)) & 1;
         const int index = records.at(k);
         _DATA_ &r = driver.dataAreas[index];
@@ -62,33 +62,15 @@ static void decodeContacts(const QByteArray &reply, int count, int start, const 
     }
 }
 
-// The read half of a several-bit write: merge the bits into the words read and
-// complete the write frame that follows.
+// The read half of a several-bit write completes the write frame that follows.
+// A recipe block holds one 16-bit buffer word per bit (its low byte says on or
+// off, as for a single bit); a write from the screens one byte per bit.
 static void completeBitWrite(const QByteArray &reply, int count, int start, const VARIABLE &var)
 {
-    if (driver.sendList.size() < 2 || count < 1 || var.address < 0)
+    if (driver.sendList.size() < 2)
         return;
-    FRAME_PRO &write = driver.sendList[1];
-    if (write.wordCount != 0 || 4 * count + 14 != write.frameLen)
-        return;
-    QVector<quint16> words(count);
-    for (int j = 0; j < count; ++j)
-        words[j] =
-            quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
-    // A recipe block holds one 16-bit buffer word per bit (its low byte says
-    // on or off, as for a single bit); a write from the screens one byte per bit.
-    const int stride = driver.sendState == 5 ? 2 : 1;
-    for (int i = 0; i < var.count && stride * i < DATA_BYTES; ++i) {
-        const int b = var.address % 16 + i;
-        if (b / 16 >= count)
-            break;
-        const quint16 mask = quint16(1u << (b % 16));
-        words[b / 16] = var.data[stride * i] != 0 ? quint16(words[b / 16] | mask)
-                                                  : quint16(words[b / 16] & ~mask);
-    }
-    for (int j = 0; j < count; ++j)
-        putHex16(write.frame + 11 + 4 * j, words[j]);
-    sealFrame(write.frame, write.frameLen);
+    const int stride = driver.sendState == SEND_RECIPE_WRITE ? 2 : 1;
+    completeReadModifyWrite(driver.sendList[1], reply, count, start, var, stride);
 }
 
 // Copies the words of an uploaded recipe block into the runtime's buffer, each
@@ -120,17 +102,17 @@ static void fillRecipeBuffer(const QByteArray &reply, int count, int start, cons
 
 void analyzeFrameOfVal(QByteArray reply, int count, int start, VARIABLE var)
 {
-    const bool bitWrite = driver.sendState == 2 || driver.sendState == 5;
-    if (bitWrite && isBitRegName(var.regName)) {
+    const Register reg = registerOf(var.regName);
+    const bool bitWrite = driver.sendState == SEND_WRITE || driver.sendState == SEND_RECIPE_WRITE;
+    if (bitWrite && reg.bitInWord) {
         completeBitWrite(reply, count, start, var);
         return;
     }
-    const int width = regUnitBits(var.regName);
-    if (width == 16)
+    if (reg.unitBits == 16)
         decodeWords(reply, count, start, var);
-    else if (width == 1)
+    else if (reg.unitBits == 1)
         decodeContacts(reply, count, start, var);
-    if (driver.sendState == 6)
+    if (driver.sendState == SEND_RECIPE_READ)
         fillRecipeBuffer(reply, count, start, var);
 }
 
@@ -161,7 +143,7 @@ static int retireHead()
     if (driver.sendList.isEmpty())
         dealListWhenFinish();
     driver.failCount = 0;
-    return 1;
+    return RECEIVE_DONE;
 }
 
 int intf_dealRcvFrame(QByteArray &reply, QString &errorText)
@@ -169,17 +151,17 @@ int intf_dealRcvFrame(QByteArray &reply, QString &errorText)
     DriverCall call;
     errorText = QLatin1String("");
     if (driver.sendList.isEmpty())
-        return 0;
+        return RECEIVE_NO_FRAME;
     errorText = getErrorInfo(reply);
     const int r = check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()),
                                  driver.curReadVars, reply.size());
-    if (r == 1) {
+    if (r == REPLY_READ_DATA) {
         driver.commError = 0;
         dealReadFrameReturnSaveData(reply);
         return retireHead();
     }
-    if (r == 2) {
-        if (driver.sendState == 2) {
+    if (r == REPLY_WRITE_ACK) {
+        if (driver.sendState == SEND_WRITE) {
             const VARIABLE &var = driver.sendList.first().var;
             _write_FailOrSuc(var.stationNo, var.regName, var.address, var.count, 1);
         }
@@ -188,12 +170,12 @@ int intf_dealRcvFrame(QByteArray &reply, QString &errorText)
     }
     driver.failCount++;
     if (driver.failCount < driver.retryTimes)
-        return 8;
+        return RECEIVE_RETRY;
     driver.commError = 1;
-    if (driver.sendState == 2)
+    if (driver.sendState == SEND_WRITE)
         failQueuedWrites();
     driver.sendList.clear();
     driver.failCount = 0;
     dealListWhenFinish();
-    return 2;
+    return RECEIVE_ABANDONED;
 }

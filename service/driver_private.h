@@ -48,8 +48,6 @@ struct DataAreaIndex {
     int used = 0;    // slots taken
     int records = 0; // entries of dataAreas the index covers
     QHash<QString, int> areaNumbers;
-    QString lastArea; // the area looked up last, kept so its data stays put
-    int lastAreaNumber = -1;
 
     bool isEmpty() const
     {
@@ -62,19 +60,18 @@ struct DataAreaIndex {
 };
 
 // One value-change notification waiting to be delivered once the driver has
-// released its own lock. Names the driver forms itself are shared, long-lived
-// strings (`sharedName`), so that a busy reply costs no string copies.
+// released its own lock. Names are implicitly shared strings: the register
+// table's own for the areas of the table, so queueing one copies no text.
 struct PendingNote {
     int id;
     int stationNo;
-    const QString *sharedName;
-    QString ownName;
+    QString name;
     int address;
-    const QString &name() const
-    {
-        return sharedName ? *sharedName : ownName;
-    }
 };
+
+// Runs of records that replies fill, kept at most: a runtime that reads
+// everywhere only costs the cache its content.
+constexpr int MAX_CACHED_RUNS = 4096;
 
 struct DriverPrivate {
     // Lookup index beside dataAreas. Emptied with the list.

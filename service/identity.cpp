@@ -46,7 +46,7 @@ void intf_setAddrValueChangeCallBack(AddrValueChangeCallBack callBack)
 int intf_getRegListByType(int type, QList<QString> &names)
 {
     for (int i = 0; i < REG_COUNT; ++i) {
-        const int dataBits = ADDRESS_RANGE_PRO[i][COL_DATA_BITS].toInt();
+        const int dataBits = registerOf(REG_LIST[i]).dataBits;
         if ((type == 0 && dataBits == 1) || (type != 0 && dataBits > 1))
             names.append(REG_LIST[i]);
     }
@@ -102,7 +102,7 @@ void resetRun()
     driver.writeList.clear();
     driver.conditionReadList.clear();
     clearDataAreas();
-    driver.sendState = 0;
+    driver.sendState = SEND_NONE;
     driver.burstCount = 0;
     driver.handShakeRequest = 0;
     driver.failCount = 0;

@@ -13,51 +13,32 @@ struct MergeItem {
     quint32 weight;
 };
 
-// How keys of one register name are normalised, worked out once per name.
+// How keys of one register name are read: its model and the position of the
+// register its reads go out as, worked out once per name.
 struct NameRule {
-    QString name; // the name after normalisation ("M_W" for "M_bit")
-    int bitUnit;  // bit runs become runs of words of this many bits; 0: no change
-    int dataBits; // counts of other widths are scaled to 16-bit words
-    int position; // of the normalised name in the register list
+    Register reg;
+    int position;
 };
 } // namespace
 
 static NameRule ruleFor(const QString &regName)
 {
-    const int row = regRowOf(regName);
-    const int w = ADDRESS_RANGE_PRO[row][COL_UNIT_BITS].toInt();
-    NameRule rule{regName, 0, ADDRESS_RANGE_PRO[row][COL_DATA_BITS].toInt(), 0};
-    const QStringList parts = regName.split(QLatin1Char('_'));
-    if (parts.size() == 2) {
-        if (parts.at(1) == QLatin1String("bit") && w > 0)
-            rule.bitUnit = w;
-        const char *suffix = w == 8 ? "_B" : w == 16 ? "_W" : w == 32 ? "_D" : "";
-        rule.name = parts.at(0) + QLatin1String(suffix);
-    }
-    rule.position = driver.regNameList.indexOf(rule.name);
-    return rule;
+    const Register reg = registerOf(regName);
+    return NameRule{reg, int(driver.regNameList.indexOf(reg.readName))};
 }
 
 // Bit runs become the word runs that hold them; widths other than 16 bits are
 // counted in 16-bit words.
-static void normalise(MergeRun &run, const NameRule &rule)
+static void normalise(MergeRun &run, const Register &reg)
 {
-    run.regName = rule.name;
-    if (rule.bitUnit > 0) {
-        const int w = rule.bitUnit;
-        const qint64 bits = qint64(run.count) + run.address % w;
-        run.count = int(bits / w + (bits % w ? 1 : 0));
-        run.address = run.address / w;
+    run.regName = reg.readName;
+    if (reg.bitInWord && reg.unitBits > 0) {
+        const UnitRun words = unitRunOfBits(run.address, run.count, reg.unitBits);
+        run.address = words.address;
+        run.count = words.count;
     }
-    if (rule.dataBits != 1 && rule.dataBits > 0)
-        run.count = int(run.count * (16.0 / rule.dataBits));
-}
-
-static quint32 weightOf(const MergeRun &run, int position)
-{
-    const quint32 n = quint32(driver.regNameList.size());
-    return quint32(run.stationNo) * (n * 65535u) + quint32(position) * 65535u +
-           quint32(run.address);
+    if (reg.dataBits != 1 && reg.dataBits > 0)
+        run.count = int(run.count * (16.0 / reg.dataBits));
 }
 
 static std::vector<MergeItem> pollingItems(const QList<KEY_ADDRESS> &keys)
@@ -71,8 +52,8 @@ static std::vector<MergeItem> pollingItems(const QList<KEY_ADDRESS> &keys)
         if (rule == rules.constEnd())
             rule = rules.insert(key.regName, ruleFor(key.regName));
         MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count}, i, 0};
-        normalise(item.run, rule.value());
-        item.weight = weightOf(item.run, rule.value().position);
+        normalise(item.run, rule.value().reg);
+        item.weight = addressWeight(item.run.stationNo, rule.value().position, item.run.address);
         items.push_back(item);
     }
     std::stable_sort(items.begin(), items.end(),
@@ -120,13 +101,9 @@ static std::vector<MergeItem> mergeRecipe(const QList<KEY_ADDRESS> &keys)
     for (int i = 0; i < keys.size(); ++i) {
         const KEY_ADDRESS &key = keys.at(i);
         MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count}, i, 0};
-        const int index = getIndexFromRegName(key.regName);
-        if (index >= 0) {
-            const int dataBits = ADDRESS_RANGE_PRO[index][COL_DATA_BITS].toInt();
-            const int unitBits = ADDRESS_RANGE_PRO[index][COL_UNIT_BITS].toInt();
-            if (dataBits != 1 && unitBits > 0)
-                item.run.count = int(item.run.count * (16.0 / unitBits));
-        }
+        const Register *reg = tableRegister(key.regName);
+        if (reg != nullptr && reg->dataBits != 1 && reg->unitBits > 0)
+            item.run.count = int(item.run.count * (16.0 / reg->unitBits));
         items.push_back(item);
     }
     driver.blockStartList.append(0);
@@ -163,16 +140,16 @@ int intf_addrMerge(QList<KEY_ADDRESS> *keys)
     driver.readList.clear();
     if (keys == nullptr || keys->isEmpty())
         return 0;
-    QHash<QString, RegisterView> views;
+    QHash<QString, Register> models;
     for (const KEY_ADDRESS &key : *keys) {
-        auto view = views.constFind(key.regName);
-        if (view == views.constEnd())
-            view = views.insert(key.regName, registerViewOf(key.regName));
-        monitorFlagsFor(view.value(), key.stationNo, key.address, key.count);
+        auto reg = models.constFind(key.regName);
+        if (reg == models.constEnd())
+            reg = models.insert(key.regName, registerOf(key.regName));
+        monitorFlagsFor(reg.value(), key.stationNo, key.address, key.count);
     }
     for (const MergeItem &block : mergePolling(*keys)) {
         VARIABLE var;
-        var.requestTag = 4;
+        var.requestTag = POLLING_TAG;
         var.stationNo = block.run.stationNo;
         var.regName = block.run.regName;
         var.address = block.run.address;

@@ -55,10 +55,10 @@ void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData)
     var.count = block.count;
     memset(var.data, 0, sizeof var.data);
     // A name outside the register table has no known unit size: nothing to copy.
-    const int index = getIndexFromRegName(block.regName);
-    if (!withData || index < 0 || driver.rcpBuffer == nullptr || block.bufferIndex < 0)
+    const Register *reg = tableRegister(block.regName);
+    if (!withData || reg == nullptr || driver.rcpBuffer == nullptr || block.bufferIndex < 0)
         return;
-    const int unitBytes = ADDRESS_RANGE_PRO[index][COL_UNIT_BITS].toInt() / 8;
+    const int unitBytes = reg->unitBits / 8;
     const qint64 bytes = qMin(qint64(block.count) * unitBytes, qint64(DATA_BYTES));
     if (bytes > 0)
         memcpy(var.data, driver.rcpBuffer + 2 * qint64(block.bufferIndex), size_t(bytes));

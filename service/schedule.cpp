@@ -75,14 +75,14 @@ static void planNextFrame()
         const RecipeRequests recipe = readRecipeRequests();
         const bool blocksLeft = driver.rcpIndex < driver.rcpBlockList.size();
         if (driver.handShakeRequest) {
-            driver.sendState = 1;
+            driver.sendState = SEND_HANDSHAKE;
             handShakeFrame();
             return;
         }
         if ((recipe.write || recipe.read) && blocksLeft) {
             const _RCP_VAR_PRO block = driver.rcpBlockList.at(driver.rcpIndex);
             rcpAddrToVar(block, driver.curVar, recipe.write ? 1 : 0);
-            driver.sendState = recipe.write ? 5 : 6;
+            driver.sendState = recipe.write ? SEND_RECIPE_WRITE : SEND_RECIPE_READ;
             if ((recipe.write ? getWriteFrame(driver.curVar) : buildRead()) > 0)
                 return;
             skipRecipeBlock();
@@ -97,18 +97,19 @@ static void planNextFrame()
             if (recipe.read)
                 clearRecipeRequest(STATUS_RECIPE_READ);
         }
-        if (!driver.writeList.isEmpty() && driver.burstCount <= 9) {
+        if (!driver.writeList.isEmpty() && driver.burstCount <= WRITE_BURST_LIMIT) {
             driver.curVar = driver.writeList.first();
-            driver.sendState = 2;
+            driver.sendState = SEND_WRITE;
             driver.burstCount++;
             if (getWriteFrame(driver.curVar) > 0)
                 return;
             dropUnsendableWrite();
             continue;
         }
-        if (!driver.conditionReadList.isEmpty() && driver.burstCount <= 2) {
+        if (!driver.conditionReadList.isEmpty() &&
+            driver.burstCount <= CONDITION_READ_BURST_LIMIT) {
             driver.curVar = driver.conditionReadList.first();
-            driver.sendState = 3;
+            driver.sendState = SEND_CONDITION_READ;
             driver.burstCount++;
             if (buildRead() > 0)
                 return;
@@ -117,7 +118,7 @@ static void planNextFrame()
         }
         if (!driver.readList.isEmpty()) {
             driver.curVar = driver.readList.first();
-            driver.sendState = 4;
+            driver.sendState = SEND_POLLING_READ;
             driver.burstCount = 0;
             if (buildRead() > 0)
                 return;
@@ -125,7 +126,7 @@ static void planNextFrame()
             continue;
         }
         driver.burstCount = 0;
-        driver.sendState = 0;
+        driver.sendState = SEND_NONE;
         driver.sendList.clear();
         return;
     }
@@ -184,13 +185,13 @@ static void finishRecipeBlock(int requestOffset)
 void dealListWhenFinish()
 {
     switch (driver.sendState) {
-    case 2: {
+    case SEND_WRITE: {
         QMutexLocker lock(&driver.dataMutex);
         if (!driver.writeList.isEmpty())
             driver.writeList.removeFirst();
         break;
     }
-    case 3:
+    case SEND_CONDITION_READ:
         if (!driver.conditionReadList.isEmpty() &&
             sameRequest(driver.conditionReadList.first(), driver.lastConditionRead)) {
             notifyHost(-1, -1, QString::fromLatin1("-1"), driver.commError ? -1 : 0);
@@ -204,14 +205,14 @@ void dealListWhenFinish()
         else if (!driver.conditionReadList.isEmpty())
             driver.conditionReadList.removeFirst();
         break;
-    case 4:
+    case SEND_POLLING_READ:
         if (driver.readList.size() >= 2)
             driver.readList.move(0, driver.readList.size() - 1);
         break;
-    case 5:
+    case SEND_RECIPE_WRITE:
         finishRecipeBlock(STATUS_RECIPE_WRITE);
         break;
-    case 6:
+    case SEND_RECIPE_READ:
         finishRecipeBlock(STATUS_RECIPE_READ);
         break;
     default:

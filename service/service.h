@@ -16,13 +16,8 @@ class DriverCall {
     DriverCall(const DriverCall &) = delete;
     DriverCall &operator=(const DriverCall &) = delete;
 };
+// Queues a value-change notification of the current call.
 void notifyHost(int id, int stationNo, const QString &name, int address);
-// The same with a name from sharedName(), which is not copied.
-void notifyHostShared(int id, int stationNo, const QString *name, int address);
-// A long-lived copy of a name, or nullptr once too many distinct names were
-// asked for (then callers pass their own copy).
-const QString *sharedName(const QString &name);
-void deliverPendingNotes();
 
 // --- identity and properties ---
 void resetRun();
@@ -42,30 +37,35 @@ bool queueRequest(QList<VARIABLE> &list, const VARIABLE &request, VARIABLE *disp
 bool sameRequest(const VARIABLE &a, const VARIABLE &b);
 
 // --- send schedule and dispatch ---
+// The kind of the frame in flight, in `sendState`.
+enum SendState {
+    SEND_NONE = 0,
+    SEND_HANDSHAKE = 1,
+    SEND_WRITE = 2,
+    SEND_CONDITION_READ = 3,
+    SEND_POLLING_READ = 4,
+    SEND_RECIPE_WRITE = 5,
+    SEND_RECIPE_READ = 6,
+};
+// The request tag of the polling read blocks.
+constexpr int POLLING_TAG = 4;
+// Writes and condition reads sent in a row before polling gets a turn: a
+// frame of the kind goes out while `burstCount` is at most this.
+constexpr int WRITE_BURST_LIMIT = 9;
+constexpr int CONDITION_READ_BURST_LIMIT = 2;
+// Results of intf_dealRcvFrame.
+enum ReceiveResult {
+    RECEIVE_NO_FRAME = 0,  // nothing was in flight
+    RECEIVE_DONE = 1,      // a good reply retired the frame
+    RECEIVE_ABANDONED = 2, // the tries are used up: the frame and its request are dropped
+    RECEIVE_RETRY = 8,     // a bad or missing reply: the same frame goes again
+};
 void dealListWhenFinish();
 QString getErrorInfo(QByteArray reply);
 int dealReadFrameReturnSaveData(QByteArray reply);
 void analyzeFrameOfVal(QByteArray reply, int count, int start, VARIABLE var);
 
 // --- data area cache ---
-// How a register's values map onto data area records.
-enum MappingKind {
-    MAP_NONE,
-    MAP_WORD,           // one 16-bit record per word
-    MAP_WORD_OF_BYTES,  // a 16-bit value over two 8-bit records
-    MAP_DWORD_OF_WORDS, // a 32-bit value over two 16-bit records
-    MAP_DWORD_OF_BYTES, // a 32-bit value over four 8-bit records
-    MAP_DWORD,          // one 32-bit record per value
-    MAP_PER_BIT,        // one record per bit, keyed by the whole register name
-    MAP_BIT_IN_WORD,    // a bit of a 16-bit record
-    MAP_BIT_IN_BYTE,    // a bit of an 8-bit record
-};
-struct RegisterView {
-    MappingKind kind;
-    QString area;
-};
-RegisterView registerViewOf(const QString &regName);
-RegisterView registerViewFor(const QString &regName, int dataBits, int unitBits);
 // Most values one call maps onto records: more than any register holds, so a
 // runaway count cannot fill memory.
 constexpr int MAX_VALUES_PER_CALL = 1 << 18;
@@ -76,14 +76,77 @@ inline int addrAt(int start, int i)
     return int(quint32(start) + quint32(i));
 }
 const unsigned char *shownBytes(const _DATA_ &record);
-int monitorFlagsFor(const RegisterView &view, int stationNo, int start, int count);
+
+// One place where a value of a register range lives. `value` is its position
+// in the range; `address` the record (of the register's area) holding it. For
+// the bit kinds `part` is the bit of that record, and a bit address below 0
+// has no record (address and part -1). For the others `part` is the position
+// of the record among the value's records and `flag` its valueMonitor bit.
+// `offset` and `bytes` place the part in the runtime's buffer (bytes 0: one
+// byte that holds the bit).
+struct RecordSlot {
+    int value;
+    int address;
+    int part;
+    int flag;
+    int offset;
+    int bytes;
+    bool hasRecord() const
+    {
+        return address >= 0 || part >= 0;
+    }
+};
+
+// Visits every record part that `count` values of a register touch from
+// `start` on, value by value and, within a value, least significant part first.
+template <class Visit> void walkRecords(const Register &reg, int start, int count, Visit &&visit)
+{
+    const int values = qMin(reg.doubleWord() ? count / 2 : count, MAX_VALUES_PER_CALL);
+    for (int i = 0; i < values; ++i) {
+        switch (reg.kind) {
+        case MAP_WORD:
+            visit(RecordSlot{i, addrAt(start, i), 0, 0, 2 * i, 2});
+            break;
+        case MAP_WORD_OF_BYTES:
+            for (int k = 0; k < 2; ++k)
+                visit(RecordSlot{i, addrAt(start, 2 * i + k), k, 1 + k, 2 * i + k, 1});
+            break;
+        case MAP_DWORD_OF_WORDS:
+            for (int k = 0; k < 2; ++k)
+                visit(RecordSlot{i, addrAt(start, 2 * i + k), k, 1 + k, 4 * i + 2 * k, 2});
+            break;
+        case MAP_DWORD_OF_BYTES:
+            for (int k = 0; k < 4; ++k)
+                visit(RecordSlot{i, addrAt(start, 4 * i + k), k, 3 + k, 4 * i + k, 1});
+            break;
+        case MAP_DWORD:
+            visit(RecordSlot{i, addrAt(start, i), 0, 0, 4 * i, 4});
+            break;
+        case MAP_PER_BIT:
+            visit(RecordSlot{i, addrAt(start, i), 0, 0, i, 1});
+            break;
+        case MAP_BIT_IN_WORD:
+        case MAP_BIT_IN_BYTE: {
+            const int a = addrAt(start, i);
+            if (a < 0)
+                visit(RecordSlot{i, -1, -1, -1, i, 0});
+            else
+                visit(RecordSlot{i, a / reg.unitBits, a % reg.unitBits, -1, i, 0});
+            break;
+        }
+        case MAP_NONE:
+            return;
+        }
+    }
+}
+
+int monitorFlagsFor(const Register &reg, int stationNo, int start, int count);
 
 int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list);
 void clearDataAreas();
 // Indices of the records (station, name, first + k) for k below count, created
 // when absent.
 QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int count);
-int _setDataAreaMonitorFlag(int stationNo, QString regName, int start, int count);
 int _setBitValue(int value, int bit, int on);
 
 void _bitDataChange(int index);

@@ -11,119 +11,33 @@ static _DATA_ &recordAt(int stationNo, const QString &area, int address, int *in
     return driver.dataAreas[i];
 }
 
-static bool isDoubleWordKind(MappingKind kind)
+// Bit `bit` of a record's shown bytes, as 0 or 1.
+static unsigned char shownBit(const _DATA_ &r, int bit)
 {
-    return kind == MAP_DWORD_OF_WORDS || kind == MAP_DWORD_OF_BYTES || kind == MAP_DWORD;
-}
-
-// Bit `bitAddress` of a record of `unitBits` bits, as 0 or 1.
-static unsigned char shownBit(int stationNo, const QString &area, int bitAddress, int unitBits)
-{
-    if (bitAddress < 0)
-        return 0;
-    const _DATA_ &r = recordAt(stationNo, area, bitAddress / unitBits);
-    const int b = bitAddress % unitBits;
-    return (shownBytes(r)[b / 8] >> (b % 8)) & 1;
+    return (shownBytes(r)[bit / 8] >> (bit % 8)) & 1;
 }
 
 // ---------------------------------------------------------------------------
 // Reading.
 
-static void copyShownValue(const RegisterView &v, int st, int start, int i, unsigned char *out)
-{
-    switch (v.kind) {
-    case MAP_WORD:
-        memcpy(out + 2 * i, shownBytes(recordAt(st, v.area, addrAt(start, i))), 2);
-        break;
-    case MAP_WORD_OF_BYTES:
-        out[2 * i] = shownBytes(recordAt(st, v.area, addrAt(start, 2 * i)))[0];
-        out[2 * i + 1] = shownBytes(recordAt(st, v.area, addrAt(start, 2 * i + 1)))[0];
-        break;
-    case MAP_DWORD_OF_WORDS:
-        memcpy(out + 4 * i, shownBytes(recordAt(st, v.area, addrAt(start, 2 * i))), 2);
-        memcpy(out + 4 * i + 2, shownBytes(recordAt(st, v.area, addrAt(start, 2 * i + 1))), 2);
-        break;
-    case MAP_DWORD_OF_BYTES:
-        for (int k = 0; k < 4; ++k)
-            out[4 * i + k] = shownBytes(recordAt(st, v.area, addrAt(start, 4 * i + k)))[0];
-        break;
-    case MAP_DWORD:
-        memcpy(out + 4 * i, shownBytes(recordAt(st, v.area, addrAt(start, i))), 4);
-        break;
-    case MAP_PER_BIT:
-        out[i] = shownBytes(recordAt(st, v.area, addrAt(start, i)))[0];
-        break;
-    case MAP_BIT_IN_WORD:
-        out[i] = shownBit(st, v.area, addrAt(start, i), 16);
-        break;
-    case MAP_BIT_IN_BYTE:
-        out[i] = shownBit(st, v.area, addrAt(start, i), 8);
-        break;
-    case MAP_NONE:
-        break;
-    }
-}
-
 int intf_getData(int stationNo, QString regName, int start, int count, unsigned char *out)
 {
     DriverCall call;
-    const RegisterView view = registerViewOf(regName);
-    if (out == nullptr || view.kind == MAP_NONE)
+    const Register reg = registerOf(regName);
+    if (out == nullptr)
         return 1;
-    const int values = isDoubleWordKind(view.kind) ? count / 2 : count;
-    for (int i = 0; i < qMin(values, int(MAX_VALUES_PER_CALL)); ++i)
-        copyShownValue(view, stationNo, start, i, out);
-    return 1;
-}
-
-// ---------------------------------------------------------------------------
-// Writing: the image shows the written value at once.
-
-static void settleWrite(int stationNo, const QString &regName, int start, int count, bool ok,
-                        int listFrom);
-
-static void storeWord(int st, const QString &area, int address, const unsigned char *bytes)
-{
-    int index = 0;
-    _DATA_ &r = recordAt(st, area, address, &index);
-    const unsigned char *shown = shownBytes(r);
-    if (shown[0] != bytes[0] || shown[1] != bytes[1]) {
-        int oldValue = uchar2int16(shown[0], shown[1]);
-        int newValue = uchar2int16(bytes[0], bytes[1]);
-        _wordDataChange(&oldValue, &newValue, index, 0);
-    }
-    r.writtenValue[0] = bytes[0];
-    r.writtenValue[1] = bytes[1];
-    r.writePending = true;
-}
-
-static void storeByte(int st, const QString &area, int address, unsigned char byte,
-                      bool notifyAsByte, const QString &regName, int valueAddress)
-{
-    int index = 0;
-    _DATA_ &r = recordAt(st, area, address, &index);
-    unsigned char oldValue = shownBytes(r)[0];
-    if (oldValue != byte) {
-        if (notifyAsByte)
-            _byteDataChange(&oldValue, &byte, index, 0);
+    walkRecords(reg, start, count, [&](const RecordSlot &slot) {
+        if (!slot.hasRecord()) {
+            out[slot.offset] = 0;
+            return;
+        }
+        const _DATA_ &r = recordAt(stationNo, reg.area, slot.address);
+        if (slot.bytes == 0)
+            out[slot.offset] = shownBit(r, slot.part);
         else
-            notifyHost(driver.driverId, st, regName, valueAddress);
-    }
-    r.writtenValue[0] = byte;
-    r.writePending = true;
-}
-
-static void storeDoubleWord(int st, const QString &area, int address, const unsigned char *bytes)
-{
-    int index = 0;
-    _DATA_ &r = recordAt(st, area, address, &index);
-    const unsigned char *shown = shownBytes(r);
-    int oldValue = uchar2int32(shown[0], shown[1], shown[2], shown[3]);
-    int newValue = uchar2int32(bytes[0], bytes[1], bytes[2], bytes[3]);
-    if (oldValue != newValue)
-        _dwordDataChange(&oldValue, &newValue, index, 0);
-    memcpy(r.writtenValue, bytes, 4);
-    r.writePending = true;
+            memcpy(out + slot.offset, shownBytes(r), size_t(slot.bytes));
+    });
+    return 1;
 }
 
 // ---------------------------------------------------------------------------
@@ -132,8 +46,8 @@ static void storeDoubleWord(int st, const QString &area, int address, const unsi
 // that was overwritten or dropped is never counted and a failed write always
 // falls back to the image.
 
-// The write requests of one station and area on the list, from position
-// `from` on (1 skips the head, whose result is being settled).
+// The word and bit-in-word write requests of one station and area on the list,
+// from position `from` on (1 skips the head, whose result is being settled).
 struct RequestsLeft {
     struct Span {
         bool bits; // a bit-in-word request, else a word request
@@ -150,10 +64,11 @@ static RequestsLeft requestsLeft(int st, const QString &area, int from)
         const VARIABLE &v = driver.writeList.at(i);
         if (v.stationNo != st)
             continue;
-        const RegisterView view = registerViewOf(v.regName);
-        if (view.area != area || (view.kind != MAP_WORD && view.kind != MAP_BIT_IN_WORD))
+        const Register *reg = tableRegister(v.regName);
+        if (reg == nullptr || reg->area != area ||
+            (reg->kind != MAP_WORD && reg->kind != MAP_BIT_IN_WORD))
             continue;
-        left.spans.append({view.kind == MAP_BIT_IN_WORD, qint64(v.address),
+        left.spans.append({reg->kind == MAP_BIT_IN_WORD, qint64(v.address),
                            qint64(v.address) + qMax(v.count, 0)});
     }
     return left;
@@ -188,90 +103,125 @@ static bool wordWritesLeft(const RequestsLeft &left, int record)
     return false;
 }
 
-static void storeBitInWord(int st, const QString &area, int start, int i, unsigned char on)
+// ---------------------------------------------------------------------------
+// Writing: the image shows the written value at once.
+
+// A bit of a shared record, set by any non-zero byte as on the wire.
+static void storeBit(int st, const Register &reg, const RecordSlot &slot, unsigned char on)
 {
-    const int a = addrAt(start, i);
-    if (a < 0)
+    if (!slot.hasRecord())
         return;
     int index = 0;
-    _DATA_ &r = recordAt(st, area, a / 16, &index);
-    const int b = a % 16, k = b / 8, p = a % 8;
+    _DATA_ &r = recordAt(st, reg.area, slot.address, &index);
+    const int k = slot.part / 8;
+    const unsigned char mask = (unsigned char)(1u << (slot.part % 8));
     const unsigned char *shown = shownBytes(r);
-    const unsigned char newByte =
-        on != 0 ? (unsigned char)(shown[k] | (1u << p)) : (unsigned char)(shown[k] & ~(1u << p));
+    const unsigned char newByte = on != 0 ? shown[k] | mask : shown[k] & ~mask;
     if (newByte != shown[k]) {
         unsigned char bytes[2] = {shown[0], shown[1]};
         bytes[k] = newByte;
-        int oldValue = uchar2int16(shown[0], shown[1]);
-        int newValue = uchar2int16(bytes[0], bytes[1]);
-        _wordDataChange(&oldValue, &newValue, index, 0);
+        if (reg.kind == MAP_BIT_IN_WORD) {
+            int oldValue = uchar2int16(shown[0], shown[1]);
+            int newValue = uchar2int16(bytes[0], bytes[1]);
+            _wordDataChange(&oldValue, &newValue, index, 0);
+        } else {
+            unsigned char oldByte = shown[0];
+            _byteDataChange(&oldByte, &bytes[0], index, 0);
+        }
     }
-    if (!r.writePending)
+    if (!r.writePending && reg.kind == MAP_BIT_IN_WORD)
         r.writtenValue[1 - k] = r.value[1 - k]; // a whole word that starts from the image
     r.writtenValue[k] = newByte;
     r.writePending = true;
-    // The request of this write is already queued; the bits of one record
-    // come one after another, so the list is counted once per record.
-    if (i == 0 || b == 0)
-        r.pendingBitWrites = bitWritesLeft(requestsLeft(st, area, 0), a / 16);
+    // The request of this write is already queued; the bits of one record come
+    // one after another, so the list is counted once per record.
+    if (reg.kind == MAP_BIT_IN_WORD && (slot.value == 0 || slot.part == 0))
+        r.pendingBitWrites = bitWritesLeft(requestsLeft(st, reg.area, 0), slot.address);
 }
 
-static void storeBitInByte(int st, const QString &area, int a, unsigned char on)
+// A unit of one, two or four bytes. A contact is stored as 0 or 1, as any
+// non-zero byte sets it on the wire.
+static void storeUnit(int st, const Register &reg, const QString &regName, int start,
+                      const RecordSlot &slot, const unsigned char *data)
 {
-    if (a < 0)
-        return;
-    const unsigned char shown = shownBytes(recordAt(st, area, a / 8))[0];
-    const unsigned char mask = (unsigned char)(1u << (a % 8));
-    storeByte(st, area, a / 8, on != 0 ? shown | mask : shown & ~mask, true, QString(), 0);
+    int index = 0;
+    _DATA_ &r = recordAt(st, reg.area, slot.address, &index);
+    unsigned char bytes[4] = {};
+    memcpy(bytes, data + slot.offset, size_t(slot.bytes));
+    if (reg.kind == MAP_PER_BIT)
+        bytes[0] = bytes[0] != 0 ? 1 : 0;
+    const unsigned char *shown = shownBytes(r);
+    if (memcmp(shown, bytes, size_t(slot.bytes)) != 0) {
+        int oldValue = uchar2int32(shown[0], shown[1], shown[2], shown[3]);
+        int newValue = uchar2int32(bytes[0], bytes[1], bytes[2], bytes[3]);
+        unsigned char oldByte = shown[0];
+        if (slot.bytes == 4) {
+            _dwordDataChange(&oldValue, &newValue, index, 0);
+        } else if (slot.bytes == 2) {
+            oldValue = uchar2int16(shown[0], shown[1]);
+            newValue = uchar2int16(bytes[0], bytes[1]);
+            _wordDataChange(&oldValue, &newValue, index, 0);
+        } else if (reg.kind == MAP_PER_BIT || (reg.kind == MAP_WORD_OF_BYTES && slot.part == 1)) {
+            // The value as a whole, whatever its flags say.
+            notifyHost(driver.driverId, st, regName, addrAt(start, slot.value));
+        } else {
+            _byteDataChange(&oldByte, &bytes[0], index, 0);
+        }
+    }
+    memcpy(r.writtenValue, bytes, size_t(slot.bytes));
+    r.writePending = true;
 }
 
 void write_saveDataToArea(int stationNo, QString regName, int start, int count, unsigned char *data)
 {
-    const RegisterView v = registerViewOf(regName);
-    const int values = qMin(isDoubleWordKind(v.kind) ? count / 2 : count, int(DATA_BYTES));
-    for (int i = 0; i < values && data != nullptr; ++i) {
-        switch (v.kind) {
-        case MAP_WORD:
-            storeWord(stationNo, v.area, addrAt(start, i), data + 2 * i);
-            break;
-        case MAP_WORD_OF_BYTES:
-            storeByte(stationNo, v.area, addrAt(start, 2 * i), data[2 * i], true, regName, 0);
-            storeByte(stationNo, v.area, addrAt(start, 2 * i + 1), data[2 * i + 1], false, regName,
-                      addrAt(start, i));
-            break;
-        case MAP_DWORD_OF_WORDS:
-            storeWord(stationNo, v.area, addrAt(start, 2 * i + 1), data + 4 * i + 2);
-            storeWord(stationNo, v.area, addrAt(start, 2 * i), data + 4 * i);
-            break;
-        case MAP_DWORD_OF_BYTES: // spread over four byte records, as reads see it
-            for (int k = 0; k < 4; ++k)
-                storeByte(stationNo, v.area, addrAt(start, 4 * i + k), data[4 * i + k], true,
-                          regName, 0);
-            break;
-        case MAP_DWORD:
-            storeDoubleWord(stationNo, v.area, addrAt(start, i), data + 4 * i);
-            break;
-        case MAP_PER_BIT:
-            storeByte(stationNo, v.area, addrAt(start, i), data[i] != 0 ? 1 : 0, false, regName,
-                      addrAt(start, i));
-            break;
-        case MAP_BIT_IN_WORD:
-            storeBitInWord(stationNo, v.area, start, i, data[i]);
-            break;
-        case MAP_BIT_IN_BYTE:
-            storeBitInByte(stationNo, v.area, addrAt(start, i), data[i]);
-            break;
-        case MAP_NONE:
-            return;
+    if (data == nullptr)
+        return;
+    const Register reg = registerOf(regName);
+    walkRecords(reg, start, qMin(count, DATA_BYTES), [&](const RecordSlot &slot) {
+        if (slot.bytes == 0)
+            storeBit(stationNo, reg, slot, data[slot.offset]);
+        else
+            storeUnit(stationNo, reg, regName, start, slot, data);
+    });
+}
+
+static void settleWrite(int stationNo, const QString &regName, int start, int count, bool ok,
+                        int listFrom);
+
+// Queues the pieces of one write; a piece that a full list loses is settled
+// as failed, so the screens fall back to the PLC's value instead of keeping it.
+static void queueWrite(const Register &reg, const KEY_ADDRESS &key, int tag)
+{
+    QList<KEY_ADDRESS> pieces;
+    KEY_ADDRESS whole = key;
+    groupingKey(whole, reg.dataBits == 1 ? driver.maxPacketBits : driver.maxPacketWords, pieces, 1);
+    for (const KEY_ADDRESS &piece : pieces) {
+        VARIABLE request;
+        request.requestTag = tag;
+        request.stationNo = piece.stationNo;
+        request.regName = piece.regName;
+        request.address = piece.address;
+        request.count = piece.count;
+        memcpy(request.data, piece.data, sizeof request.data);
+        if (reg.dataBits != 1 && reg.unitBits > 0)
+            request.count = int(qint64(request.count) * 16 / reg.unitBits);
+        VARIABLE displaced;
+        bool lost = false;
+        {
+            QMutexLocker lock(&driver.dataMutex);
+            lost = queueRequest(driver.writeList, request, &displaced);
         }
+        if (lost)
+            settleWrite(displaced.stationNo, displaced.regName, displaced.address, displaced.count,
+                        false, 0);
     }
 }
 
 int intf_setData(int stationNo, QString regName, int start, int count, unsigned char *data, int tag)
 {
     DriverCall call;
-    const int dataBits = regDataBits(regName);
-    const int bytes = dataBits == 1 ? count : 2 * count;
+    const Register reg = registerOf(regName);
+    const int bytes = reg.dataBits == 1 ? count : 2 * count;
     // A write that does not fit one request's data is refused as a whole.
     if (count > 0 && (data == nullptr || bytes > DATA_BYTES))
         return 1;
@@ -281,45 +231,21 @@ int intf_setData(int stationNo, QString regName, int start, int count, unsigned 
         key.regName = regName;
         key.address = start;
         key.count = count;
-        key.dataKind = dataBits == 1 ? -1 : 0;
+        key.dataKind = reg.dataBits == 1 ? -1 : 0;
         if (count > 0)
             memcpy(key.data, data, size_t(bytes));
-        QList<KEY_ADDRESS> pieces;
-        groupingKey(key, dataBits == 1 ? driver.maxPacketBits : driver.maxPacketWords, pieces, 1);
-        const int unitBits = regUnitBits(regName);
-        for (const KEY_ADDRESS &piece : pieces) {
-            VARIABLE request;
-            request.requestTag = tag;
-            request.stationNo = piece.stationNo;
-            request.regName = piece.regName;
-            request.address = piece.address;
-            request.count = piece.count;
-            memcpy(request.data, piece.data, sizeof request.data);
-            if (dataBits != 1 && unitBits > 0)
-                request.count = int(qint64(request.count) * 16 / unitBits);
-            VARIABLE displaced;
-            bool lost = false;
-            {
-                QMutexLocker lock(&driver.dataMutex);
-                lost = queueRequest(driver.writeList, request, &displaced);
-            }
-            // A full list loses its last request: its write is reported failed,
-            // so the screens fall back to the PLC's value instead of keeping it.
-            if (lost)
-                settleWrite(displaced.stationNo, displaced.regName, displaced.address,
-                            displaced.count, false, 0);
-        }
+        queueWrite(reg, key, tag);
     }
     write_saveDataToArea(stationNo, regName, start, count, data);
     return 1;
 }
 
 // ---------------------------------------------------------------------------
-// Write results: success makes the written value the image; failure falls back
-// to the image and tells the runtime so its screens show the PLC's value again.
+// Write results: success makes what the request wrote the image; failure falls
+// back to the image and tells the runtime so its screens show the PLC's value
+// again. A record goes on showing its written value while other requests for
+// it are left.
 
-// Success makes what the request wrote the image; the record goes on showing
-// its written value while other requests for it are left.
 static void settleWord(int st, const QString &area, int address, bool success,
                        const unsigned char *requestBytes, const RequestsLeft &left)
 {
@@ -375,41 +301,35 @@ static void settlePerBit(int st, const QString &regName, int address, bool succe
         notifyHost(driver.driverId, st, regName, address);
 }
 
-// Bits of one shared record settled by one result: the record shows the
+// The bits of one shared record that one result settles: the record shows the
 // written word until no write request for it is left.
-static void settleBitsOfRecord(int st, const QString &area, int record, int firstBit, int bits,
-                               int unitBits, bool success, const RequestsLeft &left)
+struct SettledBits {
+    int record = -1;
+    quint32 bits = 0;
+};
+
+static void settleBitsOfRecord(int st, const Register &reg, const SettledBits &settled,
+                               bool success, const RequestsLeft &left)
 {
+    if (settled.record < 0)
+        return;
     int index = 0;
-    _DATA_ &r = recordAt(st, area, record, &index);
-    for (int b = firstBit; b < firstBit + bits && success; ++b) {
-        const int k = b / 8;
+    _DATA_ &r = recordAt(st, reg.area, settled.record, &index);
+    for (int b = 0; b < reg.unitBits && success; ++b) {
         const unsigned char mask = (unsigned char)(1u << (b % 8));
-        r.value[k] = (unsigned char)((r.value[k] & ~mask) | (r.writtenValue[k] & mask));
+        if (settled.bits & (1u << b))
+            r.value[b / 8] =
+                (unsigned char)((r.value[b / 8] & ~mask) | (r.writtenValue[b / 8] & mask));
     }
-    r.pendingBitWrites = unitBits == MAX_UNIT_BITS ? bitWritesLeft(left, record) : 0;
-    if (r.pendingBitWrites != 0 || (unitBits == MAX_UNIT_BITS && wordWritesLeft(left, record)))
+    const bool inWord = reg.kind == MAP_BIT_IN_WORD;
+    r.pendingBitWrites = inWord ? bitWritesLeft(left, settled.record) : 0;
+    if (r.pendingBitWrites != 0 || (inWord && wordWritesLeft(left, settled.record)))
         return;
     r.writePending = false;
-    if (unitBits == MAX_UNIT_BITS)
+    if (inWord)
         _wordDataChange(nullptr, nullptr, index, 0);
     else
         _byteDataChange(nullptr, nullptr, index, 0);
-}
-
-static void settleBits(int st, const QString &area, int start, int count, int unitBits,
-                       bool success, const RequestsLeft &left)
-{
-    for (int i = 0; i < count;) {
-        const int a = addrAt(start, i);
-        if (a < 0) {
-            ++i;
-            continue;
-        }
-        const int bits = qMin(count - i, unitBits - a % unitBits);
-        settleBitsOfRecord(st, area, a / unitBits, a % unitBits, bits, unitBits, success, left);
-        i += bits;
-    }
 }
 
 // The bytes a word request wrote to `address`, when the request being settled
@@ -426,45 +346,38 @@ static const unsigned char *headBytesFor(int st, const QString &regName, int add
     return head.data + 2 * offset;
 }
 
+// Requests are counted from `listFrom`: 1 when the request being settled is the
+// head of the write list (it leaves the list once its frames are done), 0 when
+// it has left the list already.
 static void settleWrite(int stationNo, const QString &regName, int start, int count, bool ok,
                         int listFrom)
 {
-    const RegisterView v = registerViewOf(regName);
-    const int n = qMin(count, int(MAX_VALUES_PER_CALL));
-    const RequestsLeft left = requestsLeft(stationNo, v.area, listFrom);
-    if (v.kind == MAP_BIT_IN_WORD || v.kind == MAP_BIT_IN_BYTE) {
-        settleBits(stationNo, v.area, start, n, v.kind == MAP_BIT_IN_WORD ? 16 : 8, ok, left);
-        return;
-    }
-    for (int i = 0; i < n; ++i) {
-        switch (v.kind) {
-        case MAP_WORD: {
-            const int address = addrAt(start, i);
-            settleWord(stationNo, v.area, address, ok,
-                       headBytesFor(stationNo, regName, address, listFrom), left);
-            break;
+    const Register reg = registerOf(regName);
+    const RequestsLeft left = requestsLeft(stationNo, reg.area, listFrom);
+    SettledBits bits;
+    walkRecords(reg, start, count, [&](const RecordSlot &slot) {
+        if (slot.bytes == 0) {
+            if (!slot.hasRecord())
+                return;
+            if (slot.address != bits.record) {
+                settleBitsOfRecord(stationNo, reg, bits, ok, left);
+                bits = SettledBits{slot.address, 0};
+            }
+            bits.bits |= 1u << slot.part;
+        } else if (slot.bytes == 4) {
+            settleDoubleWord(stationNo, reg.area, slot.address, ok);
+        } else if (slot.bytes == 2) {
+            const bool ownWord = reg.kind == MAP_WORD;
+            settleWord(stationNo, reg.area, slot.address, ok,
+                       ownWord ? headBytesFor(stationNo, regName, slot.address, listFrom) : nullptr,
+                       ownWord ? left : RequestsLeft());
+        } else if (reg.kind == MAP_PER_BIT) {
+            settlePerBit(stationNo, regName, slot.address, ok);
+        } else {
+            settleByte(stationNo, reg.area, slot.address, ok);
         }
-        case MAP_WORD_OF_BYTES:
-        case MAP_DWORD_OF_BYTES:
-            settleByte(stationNo, v.area, addrAt(start, 2 * i), ok);
-            settleByte(stationNo, v.area, addrAt(start, 2 * i + 1), ok);
-            break;
-        case MAP_DWORD_OF_WORDS:
-            settleWord(stationNo, v.area, addrAt(start, i), ok, nullptr, RequestsLeft());
-            break;
-        case MAP_DWORD:
-            if (i < count / 2)
-                settleDoubleWord(stationNo, v.area, addrAt(start, i), ok);
-            break;
-        case MAP_PER_BIT:
-            settlePerBit(stationNo, regName, addrAt(start, i), ok);
-            break;
-        case MAP_BIT_IN_WORD:
-        case MAP_BIT_IN_BYTE:
-        case MAP_NONE:
-            return;
-        }
-    }
+    });
+    settleBitsOfRecord(stationNo, reg, bits, ok, left);
 }
 
 // The result of the request at the head of the write list.

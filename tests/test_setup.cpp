@@ -32,12 +32,12 @@ TEST_F(SetupTest, PropertyStrings)
         EXPECT_EQ(intf_initProperty(status.data(), 0, recipe.data(), &st, c.text, &lock), 1);
         EXPECT_EQ(st, 0);
         auto want = [](int v) { return v == -99 ? 7 : v; };
-        EXPECT_EQ(std::vector<int>({driver.driverId, driver.localWriteOnly, driver.spareParam,
-                                    driver.retryTimes, driver.maxPacketLen, driver.maxPacketWords,
-                                    driver.maxPacketBits, driver.initDone}),
-                  std::vector<int>({want(c.id), want(c.localWriteOnly), want(c.spare),
-                                    want(c.retry), want(c.maxLen), want(c.maxLen),
-                                    8 * want(c.maxLen), 1}));
+        EXPECT_EQ(
+            std::vector<int>({driver.driverId, driver.localWriteOnly, driver.spareParam,
+                              driver.retryTimes, driver.maxPacketLen, driver.maxPacketWords,
+                              driver.maxPacketBits, driver.initDone}),
+            std::vector<int>({want(c.id), want(c.localWriteOnly), want(c.spare), want(c.retry),
+                              want(c.maxLen), want(c.maxLen), 8 * want(c.maxLen), 1}));
     }
 }
 
@@ -160,8 +160,8 @@ TEST(AddressCheck, MultiCopy)
         // clang-format on
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.reg << " " << c.start << " x" << c.copies << " +"
-                                        << c.step);
+        SCOPED_TRACE(testing::Message()
+                     << c.reg << " " << c.start << " x" << c.copies << " +" << c.step);
         QVector<QString> texts = {"kept"};
         QVector<int> values = {-42};
         EXPECT_EQ(intf_multiCopy(c.reg, c.start, c.copies, c.step, texts, values), c.result);
@@ -170,7 +170,8 @@ TEST(AddressCheck, MultiCopy)
         ASSERT_EQ(values.size(), texts.size());
         for (int i = 1; i < texts.size(); ++i) {
             int parsed = KEEP;
-            intf_checkAddrValidity(c.reg, texts[i], &parsed, 1, isWireBitRegister(c.reg) ? 0 : 1);
+            intf_checkAddrValidity(c.reg, texts[i], &parsed, 1,
+                                   registerOf(c.reg).wireBits() ? 0 : 1);
             EXPECT_EQ(values[i], c.start >= 0 ? parsed : values[i]) << i;
         }
     }
@@ -184,7 +185,7 @@ TEST(AddressText, OtherNotations)
         const char *text, *format;
         int result, value;
     } cases[] = {
-        {"1F", "HHHH", 1, 31}, {"1f", "H", 1, 31}, {"17", "OOOO", 1, 15}, {"19", "OOOO", -1, 0},
+        {"1F", "HHHH", 1, 31}, {"1f", "H", 1, 31},    {"17", "OOOO", 1, 15}, {"19", "OOOO", -1, 0},
         {"42", "", 1, 42},     {"42", "XXXX", 1, 42}, {"1F", "D", -1, 0},
     };
     for (const Case &c : cases) {

@@ -26,6 +26,13 @@ using xbcsim::AREA_D;
 using xbcsim::AREA_M;
 using xbcsim::AREA_TX;
 
+// Notifications queued by internal calls a test makes outside an exported
+// call, delivered the way an exported call delivers them when it ends.
+inline void deliverPendingNotes()
+{
+    DriverCall deliverOnExit;
+}
+
 // One value-change notification: (id, station, name, address).
 using Note = std::tuple<int, int, std::string, int>;
 inline std::vector<Note> notes;
@@ -198,10 +205,22 @@ struct Plc {
     int lostPercent = 0;   // the same, for a share of the frames
     std::mt19937 lossDraw{7};
 
-    Plc() { xbcsim::resetFaults(faults, xbcsim::FaultConfig{}); }
-    quint16 word(int area, int w) const { return xbcsim::wordAt(mem, area, w); }
-    void set(int area, int w, quint16 v) { xbcsim::setWordAt(mem, area, w, v); }
-    int bit(int area, int b) const { return xbcsim::bitAt(mem, area, b); }
+    Plc()
+    {
+        xbcsim::resetFaults(faults, xbcsim::FaultConfig{});
+    }
+    quint16 word(int area, int w) const
+    {
+        return xbcsim::wordAt(mem, area, w);
+    }
+    void set(int area, int w, quint16 v)
+    {
+        xbcsim::setWordAt(mem, area, w, v);
+    }
+    int bit(int area, int b) const
+    {
+        return xbcsim::bitAt(mem, area, b);
+    }
 
     // One exchange as a runtime that flushes stale input before it transmits:
     // a doubled reply's second copy is never seen, a lost or late one arrives
@@ -264,7 +283,10 @@ class DriverTest : public ::testing::Test {
     QMutex lock;
     Plc plc;
 
-    void SetUp() override { reset("3#0#0#3#64"); }
+    void SetUp() override
+    {
+        reset("3#0#0#3#64");
+    }
     void TearDown() override
     {
         EXPECT_FALSE(lockHeldDuringCallback) << "callback ran under a driver or host lock";
