@@ -50,6 +50,7 @@ enum {
     FRAMES_PERIOD_MS = 100,
     RECONNECT_GRACE_ATTEMPTS = 3, // failed attempts after a drop before the link is "down"
     TOKEN_BYTES = 16,
+    KEEP_ALIVE_SECONDS = 1, // an idle browser connection holds up the end no longer
     HTTP_OK = 200,
     HTTP_BAD_REQUEST = 400,
     HTTP_UNAUTHORIZED = 401,
@@ -467,7 +468,7 @@ void settleWrites(Console &c)
         else
             write = writeJson(
                 p.tag, p.text, QStringLiteral("failed"),
-                QStringLiteral("the PLC did not take the write; the value fell back to %1")
+                QStringLiteral("the PLC did not confirm the write; the value fell back to %1")
                     .arg(valuesText(shownValues(c.host, p.item.regName, p.item.address,
                                                 p.item.values.size()))));
         c.pendingWrites.removeAt(i);
@@ -710,6 +711,7 @@ void setUpRoutes(Console &c)
     httplib::Server &s = c.server;
     s.new_task_queue = []() { return new httplib::ThreadPool(SERVER_THREADS); };
     s.set_payload_max_length(MAX_BODY_BYTES);
+    s.set_keep_alive_timeout(KEEP_ALIVE_SECONDS);
     // The token must not travel on to other sites in a Referer.
     s.set_default_headers(
         {{"Referrer-Policy", "no-referrer"}, {"X-Content-Type-Options", "nosniff"}});

@@ -1,14 +1,15 @@
 // The xbc-host console in Debian's headless Chromium, against a separately
 // started xbc-plc-sim: live values without reloading, a watch added on the
 // page, bad addresses, writes that land in the simulator's memory (read back
-// by a fresh xbc-host run), the link going down and coming back, and the
-// access token. Saves a screenshot of the page.
+// through the simulator's control channel) or fail and fall back, the link
+// going down and coming back, and the access token. Saves a screenshot of the
+// page.
 //
 // node console_test.js XBC_HOST XBC_PLC_SIM SCREENSHOT_PNG
 "use strict";
 
 const assert = require("node:assert/strict");
-const { spawn, execFile } = require("node:child_process");
+const { spawn } = require("node:child_process");
 const fs = require("node:fs");
 const http = require("node:http");
 const os = require("node:os");
@@ -28,7 +29,7 @@ let passed = 0;
 let failed = 0;
 
 function start(program, args) {
-  const child = spawn(program, args, { stdio: ["ignore", "pipe", "pipe"] });
+  const child = spawn(program, args, { stdio: ["pipe", "pipe", "pipe"] });
   child.output = "";
   child.stdout.on("data", (d) => { child.output += d; });
   child.stderr.on("data", (d) => { child.output += d; });
@@ -37,12 +38,13 @@ function start(program, args) {
   return child;
 }
 
-function waitForLine(child, pattern, what) {
+// Waits for pattern in what child printed from offset from on.
+function waitForLine(child, pattern, what, from = 0) {
   return new Promise((resolve, reject) => {
     const timer = setTimeout(() => reject(new Error(`no ${what} within ${STEP_TIMEOUT_MS} ms:\n${child.output}`)),
       STEP_TIMEOUT_MS);
     const check = () => {
-      const m = child.output.match(pattern);
+      const m = child.output.slice(from).match(pattern);
       if (m) { clearTimeout(timer); child.stdout.off("data", check); resolve(m); }
     };
     child.stdout.on("data", check);
@@ -56,7 +58,7 @@ async function stop(child) {
   return child.exited;
 }
 
-const SIM_ARGS = ["--counter", "D_W:0", "--counter", "D_W:50", "--blink", "TX:7", "--blink", "M_bit:35.3",
+const SIM_ARGS = ["--control", "--counter", "D_W:0", "--counter", "D_W:50", "--blink", "TX:7", "--blink", "M_bit:35.3",
   "--period", String(SIM_PERIOD_MS), "--set", "D_W:100=1000", "--set", "D_W:101=1001"];
 
 async function startSim(port) {
@@ -65,16 +67,14 @@ async function startSim(port) {
   return { sim, port: Number(m[1]) };
 }
 
-// A second path to the simulator's memory: a fresh xbc-host run that only reads.
-function readBack(port, watches) {
-  const args = ["--tcp", `127.0.0.1:${port}`, "--duration", "1.5"];
-  for (const w of watches) args.push("--watch", w);
-  return new Promise((resolve, reject) => {
-    execFile(hostProgram, args, { timeout: STEP_TIMEOUT_MS }, (error, stdout, stderr) => {
-      if (error) reject(new Error(`read-back run failed: ${error.message}\n${stdout}${stderr}`));
-      else resolve(stdout);
-    });
-  });
+// The simulator's control channel: one command, its one-line answer. It is
+// the second path to the simulator's memory, apart from the protocol.
+async function simCommand(sim, command) {
+  const from = sim.output.length;
+  sim.stdin.write(command + "\n");
+  const m = await waitForLine(sim, /^(ok|error).*$/m, `answer to '${command}'`, from);
+  assert.match(m[0], /^ok/, `'${command}': ${m[0]}`);
+  return m[0].replace(/^ok ?/, "");
 }
 
 function httpStatus(url, headers) {
@@ -203,12 +203,31 @@ async function main() {
       await page.waitForFunction(() =>
         document.querySelector('tr.value[data-key="D_W:100"] td.dec').textContent === "1234",
       null, { timeout: STEP_TIMEOUT_MS });
-      const out = await readBack(port, ["D_W:200", "D_W:210:3", "M_bit:40.1"]);
-      assert.match(out, /D_W 200 = 4321 /);
-      assert.match(out, /D_W 210 = 7 /);
-      assert.match(out, /D_W 211 = 8 /);
-      assert.match(out, /D_W 212 = 16 /);
-      assert.match(out, /M_bit 40\.1 = 1/);
+      assert.equal(await simCommand(sim, "read D_W 200 1"), "4321");
+      assert.equal(await simCommand(sim, "read D_W 210 3"), "7 8 16");
+      assert.equal(await simCommand(sim, "read M_bit 40.0 3"), "0 1 0");
+      assert.equal(await simCommand(sim, "read D_W 100 1"), "1234");
+    });
+
+    await check("a write the PLC never answers is shown failed and falls back", async () => {
+      await simCommand(sim, "faults drop=100");
+      try {
+        const result = await write(page, "D_W:101", "555");
+        assert.deepEqual(result, { state: "failed", text: "D_W:101 = 555" });
+        assert.match(await page.textContent("#writes li .detail"), /fell back to 1001/);
+        await page.waitForFunction(() =>
+          document.querySelector('tr.value[data-key="D_W:101"] td.dec').textContent === "1001",
+        null, { timeout: STEP_TIMEOUT_MS });
+      } finally {
+        await simCommand(sim, "faults off");
+      }
+      await page.waitForFunction(() => Number(document.getElementById("abandoned").textContent) > 0,
+        null, { timeout: STEP_TIMEOUT_MS });
+      // Only the answers were lost: the PLC took the write, and the next poll shows it.
+      assert.equal(await simCommand(sim, "read D_W 101 1"), "555");
+      await page.waitForFunction(() =>
+        document.querySelector('tr.value[data-key="D_W:101"] td.dec').textContent === "555",
+      null, { timeout: STEP_TIMEOUT_MS });
     });
 
     await page.waitForTimeout(2500); // a longer trend for the picture
@@ -257,6 +276,8 @@ async function main() {
     assert.equal(await httpStatus(`${m[1]}?token=${token}`), 200);
     assert.equal(await httpStatus(`${m[1]}api/state`, { "X-Console-Token": token }), 200);
     assert.equal(await httpStatus(`${m[1]}api/state`, { "X-Console-Token": token, Host: "example.com" }), 403);
+    assert.equal(await httpStatus(`${m[1]}api/state`, { "X-Console-Token": token, Origin: "http://example.com" }),
+      403);
     await stop(guarded);
   });
 
