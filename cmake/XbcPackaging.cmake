@@ -8,17 +8,19 @@
 set(XBC_DEB_NAME "ls-xbc-cpu-direct-qt${XBC_QT_MAJOR}")
 # Dependencies stated for cross builds: what dpkg-shlibdeps computes for a
 # native Debian 12 build. Add a package here when the code links a new library.
-set(XBC_DEB_DEPENDS_BASE "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 11)")
+set(XBC_DEB_DEPENDS_BASE "libc6 (>= 2.34), libgcc-s1 (>= 3.0), libstdc++6 (>= 12)")
+# --capture and --http of xbc-host.
+set(XBC_DEB_DEPENDS_TOOL_LIBS "libpcap0.8 (>= 0.9.8), libcpp-httplib0.11 (>= 0.11.4+ds)")
 if(XBC_QT_MAJOR STREQUAL "5")
   set(XBC_DEB_OTHER_NAME "ls-xbc-cpu-direct-qt6")
   set(XBC_QT_DEV_PACKAGE "qtbase5-dev (>= 5.15)")
   set(XBC_DEB_DEPENDS_DRIVER "${XBC_DEB_DEPENDS_BASE}, libqt5core5a (>= 5.15.1)")
-  set(XBC_DEB_DEPENDS_TOOLS "${XBC_DEB_DEPENDS_DRIVER}, libqt5network5 (>= 5.15.1), libqt5serialport5 (>= 5.15.1)")
+  set(XBC_DEB_DEPENDS_TOOLS "${XBC_DEB_DEPENDS_DRIVER}, libqt5network5 (>= 5.15.1), libqt5serialport5 (>= 5.6.0), ${XBC_DEB_DEPENDS_TOOL_LIBS}")
 else()
   set(XBC_DEB_OTHER_NAME "ls-xbc-cpu-direct-qt5")
   set(XBC_QT_DEV_PACKAGE "qt6-base-dev (>= 6.2)")
-  set(XBC_DEB_DEPENDS_DRIVER "${XBC_DEB_DEPENDS_BASE}, libqt6core6 (>= 6.2)")
-  set(XBC_DEB_DEPENDS_TOOLS "${XBC_DEB_DEPENDS_DRIVER}, libqt6network6 (>= 6.2), libqt6serialport6 (>= 6.2)")
+  set(XBC_DEB_DEPENDS_DRIVER "${XBC_DEB_DEPENDS_BASE}, libqt6core6 (>= 6.4)")
+  set(XBC_DEB_DEPENDS_TOOLS "${XBC_DEB_DEPENDS_DRIVER}, libqt6network6 (>= 6.4), libqt6serialport6 (>= 6.4), ${XBC_DEB_DEPENDS_TOOL_LIBS}")
 endif()
 
 set(CPACK_GENERATOR DEB)

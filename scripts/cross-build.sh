@@ -73,7 +73,7 @@ step() { echo; echo "=== cross $ARCH: $*"; }
 APT_OPTIONS=(-o "APT::Architecture=$ARCH" -o "APT::Architectures=$ARCH"
     -o "Dir::State=$APT_DIR/state" -o "Dir::State::status=$APT_DIR/status"
     -o "Dir::Cache=$APT_DIR/cache" -o "Debug::NoLocking=true" -o "APT::Sandbox::User=root"
-    -o "APT::Install-Recommends=false" -o "APT::Install-Suggests=false")
+    -o "APT::Install-Recommends=false" -o "APT::Install-Suggests=false" -o "Acquire::Retries=3")
 APT=(apt-get -q "${APT_OPTIONS[@]}")
 
 make_sysroot() {
@@ -84,7 +84,13 @@ make_sysroot() {
     fi
     mkdir -p "$APT_DIR/state/lists/partial" "$APT_DIR/cache/archives/partial" "$APT_DIR/debs"
     : > "$APT_DIR/status"
-    "${APT[@]}" update > "$APT_DIR/update.log" || { cat "$APT_DIR/update.log"; exit 1; }
+    # A mirror caught mid-sync fails an update now and then: try again.
+    local attempt
+    for attempt in 1 2 3 4; do
+        "${APT[@]}" update > "$APT_DIR/update.log" 2>&1 && break
+        [ "$attempt" -lt 4 ] || { cat "$APT_DIR/update.log"; exit 1; }
+        sleep $((attempt * 10))
+    done
     # apt resolves the dependencies against the empty database; the packages
     # it would install are the sysroot.
     local wanted
@@ -117,7 +123,7 @@ if [ "$QT_MAJOR" = 6 ]; then
 fi
 cmake -S . -B "$BUILD_DIR" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-linux-cross.cmake" \
     -DXBC_TRIPLET="$TRIPLET" -DXBC_SYSROOT="$SYSROOT" -DXBC_QT_MAJOR="$QT_MAJOR" \
-    -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr \
+    -DCMAKE_BUILD_TYPE=Release -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$TRIPLET" \
     -DXBC_BUILD_TESTS=ON -DXBC_BUILD_BENCH=OFF "${QT_HOST[@]}" > /dev/null
 cmake --build "$BUILD_DIR" -j"$JOBS"
 
