@@ -68,33 +68,68 @@ QList<QByteArray> applyFaults(FaultState &state, const QByteArray &reply)
     return {out};
 }
 
+QString faultSpecSyntax()
+{
+    QStringList items;
+    for (const FaultKind &kind : FAULT_KINDS)
+        items << QLatin1String(kind.name) + QLatin1String("=PCT");
+    items << QLatin1String(FAULT_DELAY) + QLatin1String("=MS");
+    items << QLatin1String(FAULT_SEED) + QLatin1String("=N");
+    return items.join(QLatin1Char(','));
+}
+
+QStringList faultCountTexts(const FaultCounters &counters)
+{
+    QStringList texts;
+    for (const FaultKind &kind : FAULT_KINDS)
+        texts << QStringLiteral("%1 %2")
+                     .arg(QLatin1String(kind.countedAs))
+                     .arg(counters.*kind.counter);
+    return texts;
+}
+
+namespace {
+
+// Sets one NAME=VALUE of a fault spec; empty error text on success.
+QString applySpecItem(const QString &item, FaultConfig &c)
+{
+    const QString key = item.section(QLatin1Char('='), 0, 0).trimmed();
+    bool ok = false;
+    const qlonglong value = item.section(QLatin1Char('='), 1).trimmed().toLongLong(&ok);
+    if (!ok || value < 0)
+        return QStringLiteral("fault '%1': expected NAME=NUMBER").arg(item);
+    if (key == QLatin1String(FAULT_DELAY)) {
+        c.delayMs = int(qMin<qlonglong>(value, MAX_FAULT_DELAY_MS));
+        return QString();
+    }
+    if (key == QLatin1String(FAULT_SEED)) {
+        c.seed = quint32(value);
+        return QString();
+    }
+    QStringList names;
+    for (const FaultKind &kind : FAULT_KINDS) {
+        names << QLatin1String(kind.name);
+        if (key != QLatin1String(kind.name))
+            continue;
+        if (value > 100)
+            return QStringLiteral("fault '%1': a percentage runs from 0 to 100").arg(item);
+        c.*kind.percent = int(value);
+        return QString();
+    }
+    names << QLatin1String(FAULT_DELAY) << QLatin1String(FAULT_SEED);
+    return QStringLiteral("fault '%1': unknown name (%2)")
+        .arg(item, names.join(QLatin1String(", ")));
+}
+
+} // namespace
+
 QString parseFaultSpec(const QString &text, FaultConfig &out)
 {
     FaultConfig c = out;
     for (const QString &item : text.split(QLatin1Char(','), Qt::SkipEmptyParts)) {
-        const QString key = item.section(QLatin1Char('='), 0, 0).trimmed();
-        bool ok = false;
-        const qlonglong value = item.section(QLatin1Char('='), 1).trimmed().toLongLong(&ok);
-        if (!ok || value < 0)
-            return QStringLiteral("fault '%1': expected NAME=NUMBER").arg(item);
-        const bool percent = key != QLatin1String("delay") && key != QLatin1String("seed");
-        if (percent && value > 100)
-            return QStringLiteral("fault '%1': a percentage runs from 0 to 100").arg(item);
-        if (key == QLatin1String("drop"))
-            c.dropPercent = int(value);
-        else if (key == QLatin1String("corrupt"))
-            c.corruptPercent = int(value);
-        else if (key == QLatin1String("truncate"))
-            c.truncatePercent = int(value);
-        else if (key == QLatin1String("double"))
-            c.doublePercent = int(value);
-        else if (key == QLatin1String("delay"))
-            c.delayMs = int(qMin<qlonglong>(value, 60000));
-        else if (key == QLatin1String("seed"))
-            c.seed = quint32(value);
-        else
-            return QStringLiteral("fault '%1': unknown name (drop, corrupt, truncate, "
-                                  "double, delay, seed)").arg(item);
+        const QString error = applySpecItem(item, c);
+        if (!error.isEmpty())
+            return error;
     }
     out = c;
     return QString();

@@ -12,6 +12,8 @@
 
 namespace {
 
+enum { EXIT_USAGE = 2, STOP_CHECK_MS = 100, MIN_PERIOD_MS = 10, MAX_PORT = 65535 };
+
 volatile std::sig_atomic_t stopRequested = 0;
 
 void onSignal(int)
@@ -28,8 +30,78 @@ void printLine(const QString &text)
 int fail(const QString &text)
 {
     std::fprintf(stderr, "xbc-plc-sim: %s\n", text.toLocal8Bit().constData());
-    return 2;
+    return EXIT_USAGE;
 }
+
+const char DESCRIPTION[] =
+    "Simulated PLC for the ls_xbc_cpu_direct protocol.\n"
+    "Answers r, w, o and n requests from its memory (every area of the register\n"
+    "table, all zero at start). It listens on 127.0.0.1 only and prints\n"
+    "'tcp 127.0.0.1:PORT' and, with --pty, 'pty PATH' once it is ready.\n"
+    "Error replies: NAK, the command character, an error code pair (01 malformed,\n"
+    "02 checksum, 03 command, 04 area, 05 range, 06 count), checksum, EOT.";
+
+const char CONTROL_HELP[] = "Take commands on standard input, one a line, each answered with one\n"
+                            "line 'ok ...' or 'error ...' on standard output; end of input stops\n"
+                            "the simulator. Commands:\n"
+                            "  faults off | faults SPEC   reply faults, SPEC as for --faults\n"
+                            "  drop link                  close the TCP clients and replace the\n"
+                            "                             pseudo-terminal ('ok pty PATH')\n"
+                            "  read REGISTER ADDRESS N    N values, e.g. 'read D_W 0 100',\n"
+                            "                             'read M_bit 3.4 20' ('ok V1 V2 ...')\n"
+                            "  save FILE | load FILE      the whole memory (restart keeping it)\n"
+                            "  stats                      requests, NAK replies and faults so far";
+
+struct Options {
+    QCommandLineOption port{
+        QStringLiteral("port"),
+        QStringLiteral("TCP port on 127.0.0.1 (0, the default, picks a free one)."),
+        QStringLiteral("PORT"), QStringLiteral("0")};
+    QCommandLineOption noTcp{QStringLiteral("no-tcp"), QStringLiteral("Do not serve TCP.")};
+    QCommandLineOption pty{
+        QStringLiteral("pty"),
+        QStringLiteral("Also serve a pseudo-terminal; its slave path is printed.")};
+    QCommandLineOption set{
+        QStringLiteral("set"),
+        QStringLiteral("Preset memory, e.g. D_W:100=1234, M_bit:3.4=1, TX:7=1 (repeatable)."),
+        QStringLiteral("REG:ADDRESS=VALUE")};
+    QCommandLineOption counter{
+        QStringLiteral("counter"),
+        QStringLiteral("Word that counts up every period, e.g. D_W:0 (repeatable)."),
+        QStringLiteral("REG:ADDRESS")};
+    QCommandLineOption blink{
+        QStringLiteral("blink"),
+        QStringLiteral("Bit that toggles every period, e.g. M_bit:0.0 or TX:3 (repeatable)."),
+        QStringLiteral("REG:ADDRESS")};
+    QCommandLineOption period{QStringLiteral("period"),
+                              QStringLiteral("Period of the live changes in ms (default 500)."),
+                              QStringLiteral("MS"), QStringLiteral("500")};
+    QCommandLineOption faults{
+        QStringLiteral("faults"),
+        QStringLiteral("Fault injection on replies: %1.").arg(xbcsim::faultSpecSyntax()),
+        QStringLiteral("SPEC")};
+    QCommandLineOption trace{QStringLiteral("trace"),
+                             QStringLiteral("Print every request and reply on stderr.")};
+    QCommandLineOption duration{
+        QStringLiteral("duration"),
+        QStringLiteral("Stop after this many seconds (default 0: run until interrupted)."),
+        QStringLiteral("SECONDS"), QStringLiteral("0")};
+    QCommandLineOption control{QStringLiteral("control"), QLatin1String(CONTROL_HELP)};
+
+    QList<QCommandLineOption> all() const
+    {
+        return {port, noTcp, pty, set, counter, blink, period, faults, trace, duration, control};
+    }
+};
+
+// What to serve and for how long, from the options.
+struct Run {
+    bool tcp = true;
+    bool pty = false;
+    quint16 port = 0;
+    double durationSeconds = 0;
+    bool control = false;
+};
 
 // "D_W:100=1234", "M_bit:3.4=1", "TX:7=1".
 QString applyPreset(xbcsim::Simulator &sim, const QString &text)
@@ -62,121 +134,77 @@ QString addLocations(const QStringList &texts, QList<xbcsim::Location> &out)
     return QString();
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+// Faults, presets and live values; empty error text on success.
+QString configureMemory(const QCommandLineParser &parser, const Options &opt,
+                        xbcsim::Simulator &sim)
 {
-    QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("xbc-plc-sim"));
-
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Simulated PLC for the ls_xbc_cpu_direct protocol.\n"
-        "Answers r, w, o and n requests from its memory (every area of the register\n"
-        "table, all zero at start). It listens on 127.0.0.1 only and prints\n"
-        "'tcp 127.0.0.1:PORT' and, with --pty, 'pty PATH' once it is ready.\n"
-        "Error replies: NAK, the command character, an error code pair (01 malformed,\n"
-        "02 checksum, 03 command, 04 area, 05 range, 06 count), checksum, EOT."));
-    parser.addHelpOption();
-    const QCommandLineOption portOpt(
-        QStringLiteral("port"),
-        QStringLiteral("TCP port on 127.0.0.1 (0, the default, picks a free one)."),
-        QStringLiteral("PORT"), QStringLiteral("0"));
-    const QCommandLineOption noTcpOpt(QStringLiteral("no-tcp"),
-                                      QStringLiteral("Do not serve TCP."));
-    const QCommandLineOption ptyOpt(
-        QStringLiteral("pty"),
-        QStringLiteral("Also serve a pseudo-terminal; its slave path is printed."));
-    const QCommandLineOption setOpt(
-        QStringLiteral("set"),
-        QStringLiteral("Preset memory, e.g. D_W:100=1234, M_bit:3.4=1, TX:7=1 (repeatable)."),
-        QStringLiteral("REG:ADDRESS=VALUE"));
-    const QCommandLineOption counterOpt(
-        QStringLiteral("counter"),
-        QStringLiteral("Word that counts up every period, e.g. D_W:0 (repeatable)."),
-        QStringLiteral("REG:ADDRESS"));
-    const QCommandLineOption blinkOpt(
-        QStringLiteral("blink"),
-        QStringLiteral("Bit that toggles every period, e.g. M_bit:0.0 or TX:3 (repeatable)."),
-        QStringLiteral("REG:ADDRESS"));
-    const QCommandLineOption periodOpt(
-        QStringLiteral("period"), QStringLiteral("Period of the live changes in ms (default 500)."),
-        QStringLiteral("MS"), QStringLiteral("500"));
-    const QCommandLineOption faultOpt(
-        QStringLiteral("faults"),
-        QStringLiteral("Fault injection on replies: drop=PCT,corrupt=PCT,truncate=PCT,"
-                       "double=PCT,delay=MS,seed=N."),
-        QStringLiteral("SPEC"));
-    const QCommandLineOption traceOpt(QStringLiteral("trace"),
-                                      QStringLiteral("Print every request and reply on stderr."));
-    const QCommandLineOption durationOpt(
-        QStringLiteral("duration"),
-        QStringLiteral("Stop after this many seconds (default 0: run until interrupted)."),
-        QStringLiteral("SECONDS"), QStringLiteral("0"));
-    const QCommandLineOption controlOpt(
-        QStringLiteral("control"),
-        QStringLiteral("Take commands on standard input, one a line, each answered with one\n"
-                       "line 'ok ...' or 'error ...' on standard output; end of input stops\n"
-                       "the simulator. Commands:\n"
-                       "  faults off | faults SPEC   reply faults, SPEC as for --faults\n"
-                       "  drop link                  close the TCP clients and replace the\n"
-                       "                             pseudo-terminal ('ok pty PATH')\n"
-                       "  read REGISTER ADDRESS N    N values, e.g. 'read D_W 0 100',\n"
-                       "                             'read M_bit 3.4 20' ('ok V1 V2 ...')\n"
-                       "  save FILE | load FILE      the whole memory (restart keeping it)\n"
-                       "  stats                      requests, NAK replies and faults so far"));
-    parser.addOptions({portOpt, noTcpOpt, ptyOpt, setOpt, counterOpt, blinkOpt, periodOpt, faultOpt,
-                       traceOpt, durationOpt, controlOpt});
-    parser.process(app);
-
-    xbcsim::Simulator sim;
-    sim.trace = parser.isSet(traceOpt);
-
     xbcsim::FaultConfig faults;
-    if (parser.isSet(faultOpt)) {
-        const QString error = xbcsim::parseFaultSpec(parser.value(faultOpt), faults);
+    if (parser.isSet(opt.faults)) {
+        const QString error = xbcsim::parseFaultSpec(parser.value(opt.faults), faults);
         if (!error.isEmpty())
-            return fail(error);
+            return error;
     }
     xbcsim::setFaults(sim, faults);
-    for (const QString &preset : parser.values(setOpt)) {
+    for (const QString &preset : parser.values(opt.set)) {
         const QString error = applyPreset(sim, preset);
         if (!error.isEmpty())
-            return fail(error);
+            return error;
     }
-    QString error = addLocations(parser.values(counterOpt), sim.live.counters);
+    QString error = addLocations(parser.values(opt.counter), sim.live.counters);
     if (error.isEmpty())
-        error = addLocations(parser.values(blinkOpt), sim.live.blinks);
+        error = addLocations(parser.values(opt.blink), sim.live.blinks);
     if (!error.isEmpty())
-        return fail(error);
+        return error;
     bool ok = false;
-    sim.live.periodMs = parser.value(periodOpt).toInt(&ok);
-    if (!ok || sim.live.periodMs < 10)
-        return fail(QStringLiteral("--period: expected a number of ms of at least 10"));
-    const double duration = parser.value(durationOpt).toDouble(&ok);
-    if (!ok || duration < 0)
-        return fail(QStringLiteral("--duration: expected a number of seconds"));
-    const uint port = parser.value(portOpt).toUInt(&ok);
-    if (!ok || port > 65535)
-        return fail(QStringLiteral("--port: expected 0 to 65535"));
+    sim.live.periodMs = parser.value(opt.period).toInt(&ok);
+    if (!ok || sim.live.periodMs < MIN_PERIOD_MS)
+        return QStringLiteral("--period: expected a number of ms of at least %1")
+            .arg(MIN_PERIOD_MS);
+    return QString();
+}
 
-    if (!parser.isSet(noTcpOpt)) {
-        const int bound = xbcsim::startTcp(sim, quint16(port), &error);
+QString readRun(const QCommandLineParser &parser, const Options &opt, Run &run)
+{
+    bool ok = false;
+    run.durationSeconds = parser.value(opt.duration).toDouble(&ok);
+    if (!ok || run.durationSeconds < 0)
+        return QStringLiteral("--duration: expected a number of seconds");
+    const uint port = parser.value(opt.port).toUInt(&ok);
+    if (!ok || port > MAX_PORT)
+        return QStringLiteral("--port: expected 0 to %1").arg(MAX_PORT);
+    run.port = quint16(port);
+    run.tcp = !parser.isSet(opt.noTcp);
+    run.pty = parser.isSet(opt.pty);
+    run.control = parser.isSet(opt.control);
+    return QString();
+}
+
+// Starts the servers and prints where they are.
+QString startLinks(xbcsim::Simulator &sim, const Run &run)
+{
+    QString error;
+    if (run.tcp) {
+        const int bound = xbcsim::startTcp(sim, run.port, &error);
         if (bound < 0)
-            return fail(error);
+            return error;
         printLine(QStringLiteral("tcp 127.0.0.1:%1").arg(bound));
     }
-    if (parser.isSet(ptyOpt)) {
+    if (run.pty) {
         const QString path = xbcsim::startPty(sim, &error);
         if (path.isEmpty())
-            return fail(error);
+            return error;
         printLine(QStringLiteral("pty %1").arg(path));
     }
-    if (parser.isSet(noTcpOpt) && !parser.isSet(ptyOpt))
-        return fail(QStringLiteral("nothing to serve: --no-tcp without --pty"));
+    if (!run.tcp && !run.pty)
+        return QStringLiteral("nothing to serve: --no-tcp without --pty");
+    return QString();
+}
+
+// Serves until a signal, the end of the control input or the duration.
+int serve(QCoreApplication &app, xbcsim::Simulator &sim, const Run &run)
+{
     if (!sim.live.counters.isEmpty() || !sim.live.blinks.isEmpty())
         xbcsim::startLive(sim);
-
     std::signal(SIGINT, onSignal);
     std::signal(SIGTERM, onSignal);
     QTimer stopCheck;
@@ -184,24 +212,49 @@ int main(int argc, char **argv)
         if (stopRequested)
             QCoreApplication::quit();
     });
-    stopCheck.start(100);
-    if (parser.isSet(controlOpt))
+    stopCheck.start(STOP_CHECK_MS);
+    if (run.control)
         xbcsim::startControl(sim, STDIN_FILENO, printLine, &QCoreApplication::quit)
             ->setParent(&app);
-    if (duration > 0)
-        QTimer::singleShot(int(duration * 1000), &app, &QCoreApplication::quit);
+    if (run.durationSeconds > 0)
+        QTimer::singleShot(int(run.durationSeconds * 1000), &app, &QCoreApplication::quit);
+    return app.exec();
+}
 
-    const int rc = app.exec();
+QString summaryLine(xbcsim::Simulator &sim)
+{
     const xbcsim::SimStats stats = xbcsim::statsOf(sim);
-    const xbcsim::FaultCounters fc = xbcsim::faultCountersOf(sim);
-    printLine(QStringLiteral("requests %1, NAK replies %2, dropped %3, corrupted %4, "
-                             "truncated %5, doubled %6")
-                  .arg(stats.requests)
-                  .arg(stats.naks)
-                  .arg(fc.dropped)
-                  .arg(fc.corrupted)
-                  .arg(fc.truncated)
-                  .arg(fc.doubled));
+    QStringList items{QStringLiteral("requests %1").arg(stats.requests),
+                      QStringLiteral("NAK replies %1").arg(stats.naks)};
+    items << xbcsim::faultCountTexts(xbcsim::faultCountersOf(sim));
+    return items.join(QLatin1String(", "));
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("xbc-plc-sim"));
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QLatin1String(DESCRIPTION));
+    parser.addHelpOption();
+    const Options opt;
+    parser.addOptions(opt.all());
+    parser.process(app);
+
+    xbcsim::Simulator sim;
+    sim.trace = parser.isSet(opt.trace);
+    Run run;
+    QString error = configureMemory(parser, opt, sim);
+    if (error.isEmpty())
+        error = readRun(parser, opt, run);
+    if (error.isEmpty())
+        error = startLinks(sim, run);
+    if (!error.isEmpty())
+        return fail(error);
+    const int rc = serve(app, sim, run);
+    printLine(summaryLine(sim));
     xbcsim::stopSimulator(sim);
     return rc;
 }

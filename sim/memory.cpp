@@ -8,17 +8,22 @@ namespace {
 // K is sized for its bit view, which reaches word 4095 although K words stop
 // at 2559 in the panel's register table. TX and CX hold 2048 contacts each.
 const AreaInfo AREAS[AREA_COUNT] = {
-    {"P", 'h', 2048},  {"M", 'i', 2048}, {"L", 'j', 11264}, {"K", 'k', 4096},
-    {"F", 'n', 2048},  {"D", 'a', 32768}, {"S", 'o', 128},  {"T", 'b', 2048},
-    {"C", 'c', 2048},  {"N", 'p', 21504}, {"Z", 's', 128},  {"TX", 'l', 128},
-    {"CX", 'm', 128},
+    {"P", 'h', 2048},  {"M", 'i', 2048}, {"L", 'j', 11264}, {"K", 'k', 4096}, {"F", 'n', 2048},
+    {"D", 'a', 32768}, {"S", 'o', 128},  {"T", 'b', 2048},  {"C", 'c', 2048}, {"N", 'p', 21504},
+    {"Z", 's', 128},   {"TX", 'l', 128}, {"CX", 'm', 128},
 };
 
-bool isContactArea(int area) { return area == AREA_TX || area == AREA_CX; }
+bool isContactArea(int area)
+{
+    return area == AREA_TX || area == AREA_CX;
+}
 
 } // namespace
 
-const AreaInfo &areaInfo(int area) { return AREAS[area]; }
+const AreaInfo &areaInfo(int area)
+{
+    return AREAS[area];
+}
 
 int areaFromLetter(char letter)
 {

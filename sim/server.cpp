@@ -1,5 +1,6 @@
 // The simulator on real links: a TCP server on loopback and the master side
 // of a pseudo-terminal, both driven by the event loop of the starting thread.
+#include "frame_text.h"
 #include "xbc_sim.h"
 
 #include <QHostAddress>
@@ -11,10 +12,10 @@
 #include <QTimer>
 
 #include <cerrno>
-#include <cstring>
-#include <memory>
 #include <cstdio>
+#include <cstring>
 #include <fcntl.h>
+#include <memory>
 #include <pty.h>
 #include <termios.h>
 #include <unistd.h>
@@ -107,14 +108,21 @@ void readPty(Simulator &sim)
     const QList<QByteArray> chunks = handleIncoming(sim, sim.ptySplitter, incoming);
     const int fd = sim.ptyMaster;
     if (!chunks.isEmpty())
-        sendChunks(sim, sim.ptyNotifier, chunks, [fd](const QByteArray &c) { writeAllToFd(fd, c); });
+        sendChunks(sim, sim.ptyNotifier, chunks,
+                   [fd](const QByteArray &c) { writeAllToFd(fd, c); });
 }
 
 } // namespace
 
-Simulator::Simulator() { resetFaults(faults, FaultConfig()); }
+Simulator::Simulator()
+{
+    resetFaults(faults, FaultConfig());
+}
 
-Simulator::~Simulator() { stopSimulator(*this); }
+Simulator::~Simulator()
+{
+    stopSimulator(*this);
+}
 
 QList<QByteArray> handleIncoming(Simulator &sim, FrameSplitter &splitter,
                                  const QByteArray &incoming)
@@ -124,16 +132,17 @@ QList<QByteArray> handleIncoming(Simulator &sim, FrameSplitter &splitter,
     {
         QMutexLocker locker(&sim.lock);
         for (const QByteArray &frame : takeFrames(splitter, incoming)) {
-            const QByteArray reply = frame.isEmpty() ? nakReply('?', ERR_MALFORMED)
-                                                     : answerFrame(sim.memory, frame);
+            const QByteArray reply =
+                frame.isEmpty() ? nakReply('?', ERR_MALFORMED) : answerFrame(sim.memory, frame);
             ++sim.stats.requests;
             if (reply.startsWith(NAK))
                 ++sim.stats.naks;
             const QList<QByteArray> sent = applyFaults(sim.faults, reply);
             if (sim.trace) {
-                lines << QStringLiteral("sim <- %1").arg(printable(frame));
-                lines << (sent.isEmpty() ? QStringLiteral("sim -> (dropped)")
-                                         : QStringLiteral("sim -> %1").arg(printable(sent.join())));
+                lines << QStringLiteral("sim <- %1").arg(xbctrace::printable(frame));
+                lines << (sent.isEmpty()
+                              ? QStringLiteral("sim -> (dropped)")
+                              : QStringLiteral("sim -> %1").arg(xbctrace::printable(sent.join())));
             }
             out += sent;
         }
@@ -175,11 +184,12 @@ QString startPty(Simulator &sim, QString *error)
     char name[256] = {};
     if (::openpty(&master, &slave, name, nullptr, nullptr) != 0) {
         if (error)
-            *error = QStringLiteral("openpty failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
+            *error =
+                QStringLiteral("openpty failed: %1").arg(QString::fromLocal8Bit(strerror(errno)));
         return QString();
     }
     // Raw mode on both sides: no echo, no line editing, no CR/LF translation.
-    termios tio {};
+    termios tio{};
     if (::tcgetattr(slave, &tio) == 0) {
         ::cfmakeraw(&tio);
         ::tcsetattr(slave, TCSANOW, &tio);

@@ -220,23 +220,4 @@ QList<QByteArray> takeFrames(FrameSplitter &splitter, const QByteArray &incoming
     return frames;
 }
 
-QString printable(const QByteArray &bytes)
-{
-    static const char *names[] = {"NUL", "SOH", "STX", "ETX", "EOT", "ENQ", "ACK", "BEL",
-                                  "BS",  "HT",  "LF",  "VT",  "FF",  "CR",  "SO",  "SI",
-                                  "DLE", "DC1", "DC2", "DC3", "DC4", "NAK", "SYN", "ETB",
-                                  "CAN", "EM",  "SUB", "ESC", "FS",  "GS",  "RS",  "US"};
-    QString out;
-    for (char ch : bytes) {
-        const quint8 c = quint8(ch);
-        if (c < 0x20)
-            out += QLatin1Char('<') + QLatin1String(names[c]) + QLatin1Char('>');
-        else if (c < 0x7F)
-            out += QLatin1Char(char(c));
-        else
-            out += QStringLiteral("<0x%1>").arg(QString::number(c, 16).toUpper());
-    }
-    return out;
-}
-
 } // namespace xbcsim

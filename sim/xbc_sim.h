@@ -9,6 +9,8 @@
 #ifndef XBC_SIM_H
 #define XBC_SIM_H
 
+#include "frame_text.h"
+
 #include <QByteArray>
 #include <QList>
 #include <QMutex>
@@ -123,6 +125,9 @@ QByteArray nakReply(char command, int errorCode);
 // Applies one request to the memory and returns the reply bytes.
 QByteArray answerFrame(Memory &mem, const QByteArray &frame);
 
+// TEMPORARY until host/ uses the frame printer itself.
+using xbctrace::printable;
+
 // Cuts a byte stream into requests. Bytes before STX are dropped; a frame
 // longer than the largest request is dropped and reported as malformed.
 struct FrameSplitter {
@@ -132,9 +137,6 @@ enum { MAX_REQUEST_BYTES = 2048 };
 // Appends incoming bytes and returns the complete frames found, in order. An
 // overlong frame comes out as an empty entry (answer it with a NAK).
 QList<QByteArray> takeFrames(FrameSplitter &splitter, const QByteArray &incoming);
-
-// Printable form of a frame: control bytes as <STX>, <ACK>, <0x1F>.
-QString printable(const QByteArray &bytes);
 
 // ---------------------------------------------------------------------------
 // Fault injection on replies, repeatable from the seed.
@@ -155,6 +157,28 @@ struct FaultCounters {
     int doubled = 0;
 };
 
+// Every reply fault in one place: its name in a fault spec (--faults, the
+// control channel), the setting that makes it happen, its counter and the
+// counter's name in summaries. The parser, the help text and the summaries
+// all read this table; applyFaults() does what each one means.
+struct FaultKind {
+    const char *name;
+    int FaultConfig::*percent;
+    int FaultCounters::*counter;
+    const char *countedAs;
+};
+inline constexpr FaultKind FAULT_KINDS[] = {
+    {"drop", &FaultConfig::dropPercent, &FaultCounters::dropped, "dropped"},
+    {"corrupt", &FaultConfig::corruptPercent, &FaultCounters::corrupted, "corrupted"},
+    {"truncate", &FaultConfig::truncatePercent, &FaultCounters::truncated, "truncated"},
+    {"double", &FaultConfig::doublePercent, &FaultCounters::doubled, "doubled"},
+};
+// The settings of a fault spec besides the faults: held back replies and
+// the generator's seed.
+inline constexpr const char *FAULT_DELAY = "delay";
+inline constexpr const char *FAULT_SEED = "seed";
+enum { MAX_FAULT_DELAY_MS = 60000 };
+
 struct FaultState {
     FaultConfig config;
     std::mt19937 rng;
@@ -166,6 +190,10 @@ void resetFaults(FaultState &state, const FaultConfig &config);
 QList<QByteArray> applyFaults(FaultState &state, const QByteArray &reply);
 // "drop=10,corrupt=5,delay=20,seed=7": empty error text on success.
 QString parseFaultSpec(const QString &text, FaultConfig &out);
+// The form of a fault spec, for help texts: "drop=PCT,...,delay=MS,seed=N".
+QString faultSpecSyntax();
+// "dropped 3", "corrupted 0", ...: every counter by its name, in table order.
+QStringList faultCountTexts(const FaultCounters &counters);
 
 // ---------------------------------------------------------------------------
 // Live changes for demos: counter words count up, blinking bits toggle.

@@ -145,7 +145,7 @@ QVector<Record> expectDecodedAsOracle(const QString &pcap)
                 << "frame " << i + 1;
         }
         EXPECT_EQ(describe(got).toStdString(), describe(want).toStdString())
-            << "frame " << i + 1 << ": " << xbcsim::printable(records[i].bytes).toStdString();
+            << "frame " << i + 1 << ": " << xbctrace::printable(records[i].bytes).toStdString();
         EXPECT_EQ(records[i].dissector, QStringLiteral("xbc")) << "frame " << i + 1;
     }
     return records;

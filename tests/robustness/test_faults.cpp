@@ -46,10 +46,12 @@ int expectSettled(const Plc &plc, const std::vector<Written> &log, size_t notesF
     return landed;
 }
 
+// Reply faults by the simulator's own settings, and requests lost on the way
+// to it; a field left out is no fault.
 struct FaultCase {
-    const char *name;
-    int drop, corrupt, truncate, twice, lostRequests;
-    quint32 seed;
+    const char *name = "";
+    xbcsim::FaultConfig faults{};
+    int lostRequestPercent = 0;
 };
 
 class FaultRecovery : public DriverTest, public ::testing::WithParamInterface<FaultCase> {};
@@ -63,14 +65,8 @@ TEST_P(FaultRecovery, WritesLandOrAreReportedAndValuesConverge)
         plc.set(AREA_D, a, quint16(0x100 + a)); // only the PLC knows these
     plc.drain(1);
 
-    xbcsim::FaultConfig faults;
-    faults.dropPercent = c.drop;
-    faults.corruptPercent = c.corrupt;
-    faults.truncatePercent = c.truncate;
-    faults.doublePercent = c.twice;
-    faults.seed = c.seed;
-    xbcsim::resetFaults(plc.faults, faults);
-    plc.lostPercent = c.lostRequests;
+    xbcsim::resetFaults(plc.faults, c.faults);
+    plc.lostPercent = c.lostRequestPercent;
     std::vector<Written> log;
     for (int a = 0; a < 30; ++a)
         write(log, "D_W", a, {1000 + a});
@@ -97,14 +93,23 @@ TEST_P(FaultRecovery, WritesLandOrAreReportedAndValuesConverge)
         ASSERT_EQ(bit(1, "TX", b), plc.bit(AREA_TX, b)) << "TX " << b;
 }
 
-INSTANTIATE_TEST_SUITE_P(Faults, FaultRecovery,
-                         ::testing::Values(FaultCase{"none", 0, 0, 0, 0, 0, 1},
-                                           FaultCase{"dropped", 40, 0, 0, 0, 0, 2},
-                                           FaultCase{"corrupted", 0, 40, 0, 0, 0, 3},
-                                           FaultCase{"truncated", 0, 0, 40, 0, 0, 4},
-                                           FaultCase{"doubled", 0, 0, 0, 50, 0, 5},
-                                           FaultCase{"requests_lost", 0, 0, 0, 0, 45, 6},
-                                           FaultCase{"mixed", 15, 15, 15, 15, 15, 7}),
+const FaultCase FAULT_CASES[] = {
+    {.name = "none", .faults = {.seed = 1}},
+    {.name = "dropped", .faults = {.dropPercent = 40, .seed = 2}},
+    {.name = "corrupted", .faults = {.corruptPercent = 40, .seed = 3}},
+    {.name = "truncated", .faults = {.truncatePercent = 40, .seed = 4}},
+    {.name = "doubled", .faults = {.doublePercent = 50, .seed = 5}},
+    {.name = "requests_lost", .faults = {.seed = 6}, .lostRequestPercent = 45},
+    {.name = "mixed",
+     .faults = {.dropPercent = 15,
+                .corruptPercent = 15,
+                .truncatePercent = 15,
+                .doublePercent = 15,
+                .seed = 7},
+     .lostRequestPercent = 15},
+};
+
+INSTANTIATE_TEST_SUITE_P(Faults, FaultRecovery, ::testing::ValuesIn(FAULT_CASES),
                          [](const ::testing::TestParamInfo<FaultCase> &info) {
                              return std::string(info.param.name);
                          });

@@ -4,6 +4,7 @@
 #ifndef XBC_TEST_SUPPORT_H
 #define XBC_TEST_SUPPORT_H
 
+#include "frame_text.h"
 #include "ls_xbc_cpu_direct.h"
 #include "service.h"
 #include "xbc_protocol.h"
@@ -236,7 +237,7 @@ struct Plc {
             const QByteArray request = QByteArray::fromStdString(received.back());
             const QByteArray r = xbcsim::answerFrame(mem, request);
             if (r.startsWith(char(NAK)))
-                ADD_FAILURE() << "refused: " << xbcsim::printable(request).toStdString();
+                ADD_FAILURE() << "refused: " << xbctrace::printable(request).toStdString();
             const QList<QByteArray> chunks = xbcsim::applyFaults(faults, r);
             if (!chunks.isEmpty() && faults.config.delayMs == 0)
                 answer = chunks.first();
