@@ -4,14 +4,20 @@
 
 #include <string>
 
+constexpr int MAX_PROPERTY_BYTES = 40;
+constexpr int MAX_KEYS = 16;
+constexpr int ROUNDS = 2;
+constexpr int EXCHANGES_PER_ROUND = 4;
+constexpr int MAX_REPLY_LEN = 4096;
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     FuzzInput in{data, size};
-    const QByteArray properties = in.bytes(in.byte() % 40);
+    const QByteArray properties = in.bytes(in.byte() % MAX_PROPERTY_BYTES);
     fuzzResetDriver(std::string(properties.constData(), size_t(properties.size())).c_str());
-    for (int round = 0; round < 2; ++round) {
+    for (int round = 0; round < ROUNDS; ++round) {
         QList<KEY_ADDRESS> keys;
-        for (int n = in.byte() % 24; n > 0; --n) {
+        for (int n = in.byte() % MAX_KEYS; n > 0; --n) {
             KEY_ADDRESS key;
             key.stationNo = in.byte() < 250 ? in.byte() % 4 : in.int32();
             key.regName = in.regName();
@@ -20,16 +26,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
             keys.append(key);
         }
         intf_addrMerge(&keys);
-        for (int exchange = 0; exchange < 8; ++exchange) {
+        // Every frame answered with a well-formed all-zero reply of the length
+        // it expects, so that the plan moves on.
+        for (int exchange = 0; exchange < EXCHANGES_PER_ROUND; ++exchange) {
             FRAME_PRO frame;
             if (!intf_getSendFrame(&frame))
                 break;
-            QByteArray reply(frame.replyLen > 0 && frame.replyLen < 4096 ? frame.replyLen : 5, '0');
-            reply[0] = char(ACK);
-            reply[reply.size() - 1] = char(EOT);
+            const bool usable = frame.replyLen >= WRITE_REPLY_LEN && frame.replyLen < MAX_REPLY_LEN;
+            QByteArray reply = framedReply(
+                QByteArray((usable ? frame.replyLen : WRITE_REPLY_LEN) - WRITE_REPLY_LEN + 1, '0'));
             QString errorText;
             intf_dealRcvFrame(reply, errorText);
         }
     }
+    fuzzReleaseDriver();
     return 0;
 }
