@@ -148,28 +148,31 @@ bool imageReady(benchmark::State &state, int records)
     return false;
 }
 
-// A word in the middle of the image.
-void middleWord(int records, int &station, int &address)
+// Builds the image of state.range(0) records and picks the word in its
+// middle; false (and the benchmark skipped) when the image was not built.
+bool middleOfImage(benchmark::State &state, int &station, int &address)
 {
+    const int records = int(state.range(0));
+    if (!imageReady(state, records))
+        return false;
     const int mid = records / 2;
     station = 1 + mid / 32768;
     address = mid % 32768;
+    return true;
 }
 
 void BM_GetDataOneWord(benchmark::State &state)
 {
-    const int records = int(state.range(0));
-    if (!imageReady(state, records))
-        return;
     int station = 0, address = 0;
-    middleWord(records, station, address);
+    if (!middleOfImage(state, station, address))
+        return;
     const QString reg = QStringLiteral("D_W");
     unsigned char out[2] = {};
     for (auto _ : state) {
         intf_getData(station, reg, address, 1, out);
         benchmark::DoNotOptimize(out);
     }
-    state.counters["records"] = records;
+    state.counters["records"] = double(state.range(0));
 }
 BENCHMARK(BM_GetDataOneWord)->Arg(1000)->Arg(10000)->Arg(100000)->Arg(1000000);
 
@@ -200,11 +203,9 @@ BENCHMARK(BM_GetDataScattered)->Arg(1000)->Arg(1000000);
 
 void BM_SetDataOneWord(benchmark::State &state)
 {
-    const int records = int(state.range(0));
-    if (!imageReady(state, records))
-        return;
     int station = 0, address = 0;
-    middleWord(records, station, address);
+    if (!middleOfImage(state, station, address))
+        return;
     const QString reg = QStringLiteral("D_W");
     unsigned char data[2] = {0x34, 0x12};
     int tag = 1000;
@@ -253,10 +254,16 @@ QList<KEY_ADDRESS> randomKeys(int n)
         bool bits;
     };
     static const Reg regs[] = {
-        {"D_W", 32767, false},          {"M_W", 2047, false},   {"P_W", 2047, false},
-        {"L_W", 11263, false},          {"N_W", 21503, false},  {"T_W", 2047, false},
-        {"M_bit", 2047 * 16 + 15, true}, {"P_bit", 2047 * 16 + 15, true},
-        {"L_bit", 11263 * 16 + 15, true}, {"K_bit", 4095 * 16 + 15, true},
+        {"D_W", 32767, false},
+        {"M_W", 2047, false},
+        {"P_W", 2047, false},
+        {"L_W", 11263, false},
+        {"N_W", 21503, false},
+        {"T_W", 2047, false},
+        {"M_bit", 2047 * 16 + 15, true},
+        {"P_bit", 2047 * 16 + 15, true},
+        {"L_bit", 11263 * 16 + 15, true},
+        {"K_bit", 4095 * 16 + 15, true},
     };
     std::mt19937 draw{unsigned(n)};
     QList<KEY_ADDRESS> keys;

@@ -24,7 +24,9 @@ struct Figure {
 // The console output as usual, plus every run kept by name.
 class KeepingReporter : public benchmark::ConsoleReporter {
   public:
-    explicit KeepingReporter(OutputOptions options) : ConsoleReporter(options) {}
+    explicit KeepingReporter(OutputOptions options) : ConsoleReporter(options)
+    {
+    }
 
     std::map<std::string, Figure> figures;
 
@@ -79,6 +81,17 @@ void verdict(const char *what, bool have, double value, const char *relation, do
                 ok ? "ok  " : "MISS", detail);
 }
 
+// How a figure grows from a small run to a large one, for information: format
+// takes the ratio, then both figures in seconds times unit.
+void printGrowth(const std::map<std::string, Figure> &figures, const char *small, const char *large,
+                 const char *format, double unit)
+{
+    const Figure *a = find(figures, small);
+    const Figure *b = find(figures, large);
+    if (a && b)
+        std::printf(format, b->seconds / a->seconds, b->seconds * unit, a->seconds * unit);
+}
+
 void printSummary(const std::map<std::string, Figure> &figures)
 {
     using xbcbench::lineSeconds;
@@ -88,12 +101,13 @@ void printSummary(const std::map<std::string, Figure> &figures)
                                     xbcbench::SERIAL_BAUD);
     const Figure *ex = find(figures, "BM_Exchange127Words");
     char detail[200];
-    const double notes =
-        ex && ex->counters.count("notes_per_exchange") ? ex->counters.at("notes_per_exchange") : 0.0;
+    const double notes = ex && ex->counters.count("notes_per_exchange")
+                             ? ex->counters.at("notes_per_exchange")
+                             : 0.0;
     std::snprintf(detail, sizeof detail, "%.2f us per exchange, line time %.2f ms, %.0f notes",
                   ex ? ex->seconds * 1e6 : 0.0, line * 1e3, notes);
-    verdict("exchange / line time at 115200 baud", ex != nullptr, ex ? ex->seconds / line : 0,
-            "<", 0.001, detail);
+    verdict("exchange / line time at 115200 baud", ex != nullptr, ex ? ex->seconds / line : 0, "<",
+            0.001, detail);
 
     const Figure *g1 = find(figures, "BM_GetDataOneWord/1000");
     const Figure *g6 = find(figures, "BM_GetDataOneWord/1000000");
@@ -120,31 +134,26 @@ void printSummary(const std::map<std::string, Figure> &figures)
     }
 
     std::printf("\nFor information\n");
+    printGrowth(figures, "BM_SetDataOneWord/1000", "BM_SetDataOneWord/1000000",
+                "  setData 1 word: 1e6 / 1e3 records = %.3g (%.1f ns / %.1f ns)\n", 1e9);
     const Figure *s1 = find(figures, "BM_SetDataOneWord/1000");
-    const Figure *s6 = find(figures, "BM_SetDataOneWord/1000000");
-    if (s1 && s6)
-        std::printf("  setData 1 word: 1e6 / 1e3 records = %.3g (%.1f ns / %.1f ns)\n",
-                    s6->seconds / s1->seconds, s6->seconds * 1e9, s1->seconds * 1e9);
     const Figure *full = find(figures, "BM_SetDataFullWriteList");
     if (full && s1)
         std::printf("  setData 1 word, write list at 513 entries: %.2f us (%.3g x a short list)\n",
                     full->seconds * 1e6, full->seconds / s1->seconds);
-    const Figure *sc1 = find(figures, "BM_GetDataScattered/1000");
-    const Figure *sc6 = find(figures, "BM_GetDataScattered/1000000");
-    if (sc1 && sc6)
-        std::printf("  getData, 4096 scattered words: 1e6 / 1e3 records = %.3g (%.1f ns / %.1f ns)\n",
-                    sc6->seconds / sc1->seconds, sc6->seconds * 1e9, sc1->seconds * 1e9);
-    const Figure *m3 = find(figures, "BM_AddrMerge/1000");
-    if (m3 && m4)
-        std::printf("  addrMerge: 1e4 / 1e3 keys = %.3g (%.2f ms / %.3f ms)\n",
-                    m4->seconds / m3->seconds, m4->seconds * 1e3, m3->seconds * 1e3);
+    printGrowth(figures, "BM_GetDataScattered/1000", "BM_GetDataScattered/1000000",
+                "  getData, 4096 scattered words: 1e6 / 1e3 records = %.3g (%.1f ns / %.1f ns)\n",
+                1e9);
+    printGrowth(figures, "BM_AddrMerge/1000", "BM_AddrMerge/10000",
+                "  addrMerge: 1e4 / 1e3 keys = %.3g (%.2f ms / %.3f ms)\n", 1e3);
     if (ex) {
-        std::printf("  exchange of 127 changing words: %.2f us = %.3g of a 1 ms Ethernet round trip\n",
-                    ex->seconds * 1e6, ex->seconds / 1e-3);
+        std::printf(
+            "  exchange of 127 changing words: %.2f us = %.3g of a 1 ms Ethernet round trip\n",
+            ex->seconds * 1e6, ex->seconds / 1e-3);
     }
-    std::printf("\n%s\n", failures ? "SOME BOUNDS MISSED"
-                                   : missing ? "every measured bound holds (some not measured)"
-                                             : "every bound holds");
+    std::printf("\n%s\n", failures  ? "SOME BOUNDS MISSED"
+                          : missing ? "every measured bound holds (some not measured)"
+                                    : "every bound holds");
 }
 
 } // namespace

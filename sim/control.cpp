@@ -125,19 +125,6 @@ QString statsText(Simulator &sim)
     return ok(items.join(QLatin1Char(' ')));
 }
 
-void closePty(Simulator &sim)
-{
-    delete sim.ptyNotifier; // replies still held back for the old line go with it
-    sim.ptyNotifier = nullptr;
-    if (sim.ptyMaster >= 0)
-        ::close(sim.ptyMaster);
-    if (sim.ptySlave >= 0)
-        ::close(sim.ptySlave);
-    sim.ptyMaster = sim.ptySlave = -1;
-    sim.ptyPath.clear();
-    sim.ptySplitter = FrameSplitter();
-}
-
 } // namespace
 
 QString dropLink(Simulator &sim)

@@ -216,13 +216,9 @@ void startLive(Simulator &sim)
     sim.liveTimer->start(qMax(10, sim.live.periodMs));
 }
 
-void stopSimulator(Simulator &sim)
+void closePty(Simulator &sim)
 {
-    delete sim.owner; // server, clients, notifier and timer with it
-    sim.owner = nullptr;
-    sim.server = nullptr;
-    sim.clients.clear();
-    sim.liveTimer = nullptr;
+    delete sim.ptyNotifier; // replies still held back for the old line go with it
     sim.ptyNotifier = nullptr;
     if (sim.ptyMaster >= 0)
         ::close(sim.ptyMaster);
@@ -230,6 +226,17 @@ void stopSimulator(Simulator &sim)
         ::close(sim.ptySlave);
     sim.ptyMaster = sim.ptySlave = -1;
     sim.ptyPath.clear();
+    sim.ptySplitter = FrameSplitter();
+}
+
+void stopSimulator(Simulator &sim)
+{
+    closePty(sim);
+    delete sim.owner; // server, clients and timer with it
+    sim.owner = nullptr;
+    sim.server = nullptr;
+    sim.clients.clear();
+    sim.liveTimer = nullptr;
 }
 
 quint16 readWord(Simulator &sim, int area, int word)

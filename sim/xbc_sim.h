@@ -247,6 +247,8 @@ int startTcp(Simulator &sim, quint16 port, QString *error);
 // slave path, or an empty string with the reason in error.
 QString startPty(Simulator &sim, QString *error);
 void startLive(Simulator &sim);
+// Closes the pseudo-terminal, if any; TCP goes on.
+void closePty(Simulator &sim);
 void stopSimulator(Simulator &sim);
 
 // Thread-safe access for tests and tools.
