@@ -1,8 +1,8 @@
 // The driver end to end: loaded by the runtime stand-in, talking to the
 // simulator over TCP loopback and over a pseudo-terminal.
 // The driver header first: Qt's keyword macros (slots) must not reach it.
-#include "xbc_host.h"
 #include "event_wait.h"
+#include "xbc_host.h"
 #include "xbc_sim.h"
 
 #include <gtest/gtest.h>
@@ -71,16 +71,21 @@ bool runUntil(Rig &rig, const std::function<bool()> &done, int maxMs)
 
 bool firstCycleDone(Rig &rig)
 {
-    return runUntil(rig, [&rig]() { return rig.host.stats.pollCycles > 0 ||
-                                           rig.host.stats.pollReads >= 2 * rig.host.readBlocks; },
-                    5000);
+    return runUntil(
+        rig,
+        [&rig]() {
+            return rig.host.stats.pollCycles > 0 ||
+                   rig.host.stats.pollReads >= 2 * rig.host.readBlocks;
+        },
+        5000);
 }
 
 // A value in the simulator seen through a register's own notation.
 int simValue(Simulator &sim, const QString &reg, int address)
 {
     const int area = xbcsim::areaFromRegister(reg);
-    if (reg == QLatin1String("TX") || reg == QLatin1String("CX") || reg.endsWith(QLatin1String("_bit")))
+    if (reg == QLatin1String("TX") || reg == QLatin1String("CX") ||
+        reg.endsWith(QLatin1String("_bit")))
         return xbcsim::readBit(sim, area, address) ? 1 : 0;
     return xbcsim::readWord(sim, area, address);
 }
@@ -100,7 +105,10 @@ bool shownMatchesSim(Rig &rig, const QList<Watched> &items, QString *diff = null
             if (shown[i] != expected) {
                 if (diff)
                     *diff = QStringLiteral("%1 %2: shown %3, PLC %4")
-                                .arg(w.reg).arg(w.address + i).arg(shown[i]).arg(expected);
+                                .arg(w.reg)
+                                .arg(w.address + i)
+                                .arg(shown[i])
+                                .arg(expected);
                 return false;
             }
         }
@@ -112,7 +120,8 @@ bool notified(const Rig &rig, const QString &reg, int address, int from = 0)
 {
     for (int i = qMax(from, 0); i < rig.host.notes.size(); ++i) {
         const Notification &n = rig.host.notes[i];
-        if (n.id == rig.host.props.driverId && n.stationNo == 1 && n.name == reg && n.address == address)
+        if (n.id == rig.host.props.driverId && n.stationNo == 1 && n.name == reg &&
+            n.address == address)
             return true;
     }
     return false;
@@ -147,19 +156,28 @@ TEST_P(EndToEnd, PolledValuesOfEveryRegisterArrive)
     struct Case {
         const char *watch; // as on the command line
         const char *reg;
-        int address;       // numeric address
-        int value;         // preset in the simulator
+        int address; // numeric address
+        int value;   // preset in the simulator
     };
     const Case cases[] = {
-        {"P_W:5", "P_W", 5, 0x1111},        {"M_W:2047", "M_W", 2047, 0x2222},
-        {"L_W:11263", "L_W", 11263, 0x3333}, {"K_W:2559", "K_W", 2559, 0x4444},
-        {"F_W:17", "F_W", 17, 0x5555},      {"D_W:32767", "D_W", 32767, 0x6666},
-        {"S_W:127", "S_W", 127, 0x7777},    {"T_W:300", "T_W", 300, 0x8888},
-        {"C_W:2047", "C_W", 2047, 0x9999},  {"N_W:21503", "N_W", 21503, 0xAAAA},
-        {"Z_W:0", "Z_W", 0, 0xBBBB},        {"P_bit:10.4", "P_bit", 164, 1},
-        {"M_bit:35.3", "M_bit", 563, 1},    {"L_bit:11263.15", "L_bit", 11263 * 16 + 15, 1},
-        {"K_bit:4095.15", "K_bit", 4095 * 16 + 15, 1}, {"F_bit:1.0", "F_bit", 16, 1},
-        {"TX:7", "TX", 7, 1},               {"CX:2047", "CX", 2047, 1},
+        {"P_W:5", "P_W", 5, 0x1111},
+        {"M_W:2047", "M_W", 2047, 0x2222},
+        {"L_W:11263", "L_W", 11263, 0x3333},
+        {"K_W:2559", "K_W", 2559, 0x4444},
+        {"F_W:17", "F_W", 17, 0x5555},
+        {"D_W:32767", "D_W", 32767, 0x6666},
+        {"S_W:127", "S_W", 127, 0x7777},
+        {"T_W:300", "T_W", 300, 0x8888},
+        {"C_W:2047", "C_W", 2047, 0x9999},
+        {"N_W:21503", "N_W", 21503, 0xAAAA},
+        {"Z_W:0", "Z_W", 0, 0xBBBB},
+        {"P_bit:10.4", "P_bit", 164, 1},
+        {"M_bit:35.3", "M_bit", 563, 1},
+        {"L_bit:11263.15", "L_bit", 11263 * 16 + 15, 1},
+        {"K_bit:4095.15", "K_bit", 4095 * 16 + 15, 1},
+        {"F_bit:1.0", "F_bit", 16, 1},
+        {"TX:7", "TX", 7, 1},
+        {"CX:2047", "CX", 2047, 1},
     };
     Rig rig;
     setUpRig(rig, GetParam());
@@ -187,7 +205,8 @@ TEST_P(EndToEnd, PolledValuesOfEveryRegisterArrive)
     startRun(rig.host);
 
     QString diff;
-    EXPECT_TRUE(runUntil(rig, [&]() { return shownMatchesSim(rig, items); }, 5000));
+    EXPECT_TRUE(runUntil(
+        rig, [&]() { return shownMatchesSim(rig, items); }, 5000));
     EXPECT_TRUE(shownMatchesSim(rig, items, &diff)) << diff.toStdString();
     for (const Case &c : cases)
         EXPECT_TRUE(notified(rig, QLatin1String(c.reg), c.address)) << c.watch;
@@ -202,8 +221,8 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
 {
     struct Case {
         const char *reg;
-        int address;          // numeric address
-        QVector<int> values;  // consecutive values
+        int address;         // numeric address
+        QVector<int> values; // consecutive values
     };
     QVector<int> longRun;
     for (int i = 0; i < 150; ++i)
@@ -211,10 +230,10 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
     const Case cases[] = {
         {"D_W", 200, {0xBEEF}},
         {"D_W", 300, {1, 2, 3}},
-        {"D_W", 1000, longRun},             // more than one request's worth
+        {"D_W", 1000, longRun}, // more than one request's worth
         {"L_W", 11263, {0x1234}},
-        {"M_bit", 40 * 16 + 5, {1}},        // set one bit
-        {"M_bit", 41 * 16 + 2, {0}},        // clear one bit
+        {"M_bit", 40 * 16 + 5, {1}},           // set one bit
+        {"M_bit", 41 * 16 + 2, {0}},           // clear one bit
         {"M_bit", 42 * 16 + 14, {1, 0, 1, 1}}, // bits across two words
         {"M_bit", 44 * 16 + 0, {0, 1, 0, 1, 0, 1, 0, 1, 1, 1, 1, 1, 0, 0, 0, 0}}, // a whole word
         {"K_bit", 4095 * 16 + 15, {1}},
@@ -254,7 +273,8 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
     QList<int> tags;
     for (const Case &c : cases)
         tags.append(queueValues(rig, QLatin1String(c.reg), c.address, c.values));
-    ASSERT_TRUE(runUntil(rig, [&]() { return allSettled(rig, tags); }, 10000));
+    ASSERT_TRUE(runUntil(
+        rig, [&]() { return allSettled(rig, tags); }, 10000));
     for (int i = 0; i < tags.size(); ++i) {
         const WriteRecord &w = rig.host.writes[tags[i]];
         EXPECT_EQ(w.acked, w.pieces) << cases[i].reg << " " << cases[i].address;
@@ -278,7 +298,8 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
 
     // Read back through polling: the driver shows what the PLC holds.
     QString diff;
-    runUntil(rig, [&]() { return shownMatchesSim(rig, items); }, 3000);
+    runUntil(
+        rig, [&]() { return shownMatchesSim(rig, items); }, 3000);
     EXPECT_TRUE(shownMatchesSim(rig, items, &diff)) << diff.toStdString();
 }
 
@@ -290,7 +311,7 @@ TEST_P(EndToEnd, RecipeDownloadAndUploadRoundTrip)
     const int id = 1; // first number of the property string
     rig.host.recipeVars = {
         {id, 1, QStringLiteral("D_W"), 500, 4, 0, 0},
-        {id, 1, QStringLiteral("D_W"), 504, 2, 4, 0},  // touches the first: one block
+        {id, 1, QStringLiteral("D_W"), 504, 2, 4, 0}, // touches the first: one block
         {id, 1, QStringLiteral("M_W"), 10, 1, 10, 0},
         {id + 1, 1, QStringLiteral("D_W"), 600, 1, 20, 0}, // another driver's variable
     };
@@ -309,7 +330,8 @@ TEST_P(EndToEnd, RecipeDownloadAndUploadRoundTrip)
     startRun(rig.host);
 
     requestRecipe(rig.host, true);
-    ASSERT_TRUE(runUntil(rig, [&]() { return !recipePending(rig.host, true); }, 5000))
+    ASSERT_TRUE(runUntil(
+        rig, [&]() { return !recipePending(rig.host, true); }, 5000))
         << "the download request byte was never cleared";
     for (int i = 0; i < 6; ++i)
         EXPECT_EQ(xbcsim::readWord(rig.sim, xbcsim::AREA_D, 500 + i), 0x1000 + i) << i;
@@ -323,7 +345,8 @@ TEST_P(EndToEnd, RecipeDownloadAndUploadRoundTrip)
     for (int i = 0; i < 32; ++i)
         setBufferWord(i, 0);
     requestRecipe(rig.host, false);
-    ASSERT_TRUE(runUntil(rig, [&]() { return !recipePending(rig.host, false); }, 5000))
+    ASSERT_TRUE(runUntil(
+        rig, [&]() { return !recipePending(rig.host, false); }, 5000))
         << "the upload request byte was never cleared";
     for (int i = 0; i < 6; ++i)
         EXPECT_EQ(bufferWord(i), 0x2000 + i) << i;
@@ -346,12 +369,15 @@ TEST_P(EndToEnd, ConditionReadsComplete)
     ASSERT_TRUE(firstCycleDone(rig));
 
     queueConditionRead(rig.host, QStringLiteral("D_W"), 700, 3);
-    ASSERT_TRUE(runUntil(rig, [&]() { return rig.host.conditionsDone >= 1; }, 3000));
-    EXPECT_EQ(shownValues(rig.host, QStringLiteral("D_W"), 700, 3), QVector<int>({0x5000, 0x5001, 0x5002}));
+    ASSERT_TRUE(runUntil(
+        rig, [&]() { return rig.host.conditionsDone >= 1; }, 3000));
+    EXPECT_EQ(shownValues(rig.host, QStringLiteral("D_W"), 700, 3),
+              QVector<int>({0x5000, 0x5001, 0x5002}));
 
     // Longer than one request: completion is reported once, after the last piece.
     queueConditionRead(rig.host, QStringLiteral("D_W"), 700, 150);
-    ASSERT_TRUE(runUntil(rig, [&]() { return rig.host.conditionsDone >= 2; }, 3000));
+    ASSERT_TRUE(runUntil(
+        rig, [&]() { return rig.host.conditionsDone >= 2; }, 3000));
     runFor(rig.host, 20, 200);
     EXPECT_EQ(rig.host.conditionsDone, 2);
     EXPECT_EQ(rig.host.conditionsFailed, 0);
@@ -413,7 +439,8 @@ TEST_P(EndToEndFaults, WritesSettleAndValuesConverge)
     QList<int> tags;
     for (const Write &w : writes)
         tags.append(queueValues(rig, w.reg, w.address, w.values));
-    EXPECT_TRUE(runUntil(rig, [&]() { return allSettled(rig, tags); }, 25000))
+    EXPECT_TRUE(runUntil(
+        rig, [&]() { return allSettled(rig, tags); }, 25000))
         << "writes still open after 25 s";
     int failed = 0;
     for (int i = 0; i < tags.size(); ++i) {
@@ -432,7 +459,8 @@ TEST_P(EndToEndFaults, WritesSettleAndValuesConverge)
     EXPECT_GT(rig.host.stats.retries, 0);
 
     QString diff;
-    runUntil(rig, [&]() { return shownMatchesSim(rig, items); }, 10000);
+    runUntil(
+        rig, [&]() { return shownMatchesSim(rig, items); }, 10000);
     EXPECT_TRUE(shownMatchesSim(rig, items, &diff)) << diff.toStdString();
     RecordProperty("failed_writes", failed);
 }

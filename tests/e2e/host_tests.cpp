@@ -1,8 +1,8 @@
 // The runtime stand-in without the driver: library loading errors, argument
 // parsing and link reconnection.
 // The driver header first: Qt's keyword macros (slots) must not reach it.
-#include "xbc_host.h"
 #include "event_wait.h"
+#include "xbc_host.h"
 
 #include <QTcpServer>
 
@@ -17,7 +17,8 @@ TEST(HostLoad, NamesAMissingLibrary)
     DriverApi api;
     QString error;
     EXPECT_FALSE(loadDriver(api, QStringLiteral("/nonexistent/libnothing.so"), &error));
-    EXPECT_TRUE(error.contains(QLatin1String("cannot load driver library '/nonexistent/libnothing.so'")))
+    EXPECT_TRUE(
+        error.contains(QLatin1String("cannot load driver library '/nonexistent/libnothing.so'")))
         << error.toStdString();
     EXPECT_EQ(api.getSendFrame, nullptr);
 }
@@ -27,9 +28,10 @@ TEST(HostLoad, NamesEveryMissingSymbol)
     DriverApi api;
     QString error;
     EXPECT_FALSE(loadDriver(api, QStringLiteral(XBC_STUB_DRIVER_PATH), &error));
-    const char *missing[] = {"intf_getProtocolType", "intf_setAddrValueChangeCallBack",
-                             "intf_initProperty", "intf_addrMerge", "intf_dealRcvFrame",
-                             "intf_setData", "intf_checkAddrValidity", "intf_SetDriverPropertyPage"};
+    const char *missing[] = {"intf_getProtocolType",   "intf_setAddrValueChangeCallBack",
+                             "intf_initProperty",      "intf_addrMerge",
+                             "intf_dealRcvFrame",      "intf_setData",
+                             "intf_checkAddrValidity", "intf_SetDriverPropertyPage"};
     for (const char *name : missing)
         EXPECT_TRUE(error.contains(QLatin1String(name))) << name << ": " << error.toStdString();
     // Present names are not reported.
@@ -44,9 +46,12 @@ TEST(HostArgs, ParsesTcpTargetsAndSerialLines)
     struct Tcp {
         const char *text, *host;
         int port; // 0: refused
-    } tcp[] = {{"127.0.0.1:1234", "127.0.0.1", 1234}, {"localhost", "localhost", 8000},
-               {"[::1]:99", "::1", 99},                {"127.0.0.1:0", "", 0},
-               {"127.0.0.1:70000", "", 0},             {":80", "", 0}};
+    } tcp[] = {{"127.0.0.1:1234", "127.0.0.1", 1234},
+               {"localhost", "localhost", 8000},
+               {"[::1]:99", "::1", 99},
+               {"127.0.0.1:0", "", 0},
+               {"127.0.0.1:70000", "", 0},
+               {":80", "", 0}};
     for (const Tcp &c : tcp) {
         LinkConfig link;
         const QString error = parseTcpTarget(QString::fromLatin1(c.text), link);
@@ -64,8 +69,10 @@ TEST(HostArgs, ParsesTcpTargetsAndSerialLines)
     } serial[] = {
         {"9600,7,EVEN,2", 9600, QSerialPort::EvenParity, QSerialPort::TwoStop},
         {"19200,8,odd,1.5", 19200, QSerialPort::OddParity, QSerialPort::OneAndHalfStop},
-        {"115200,9,NONE,1", 0, {}, {}}, {"115200,8,MAYBE,1", 0, {}, {}},
-        {"115200,8,NONE", 0, {}, {}},   {"fast,8,NONE,1", 0, {}, {}},
+        {"115200,9,NONE,1", 0, {}, {}},
+        {"115200,8,MAYBE,1", 0, {}, {}},
+        {"115200,8,NONE", 0, {}, {}},
+        {"fast,8,NONE,1", 0, {}, {}},
     };
     for (const Serial &c : serial) {
         SerialLine line;
@@ -73,7 +80,8 @@ TEST(HostArgs, ParsesTcpTargetsAndSerialLines)
             << c.text;
         if (c.baud != 0) {
             EXPECT_EQ(std::make_tuple(line.baud, line.parity, line.stopBits),
-                      std::make_tuple(c.baud, c.parity, c.stop)) << c.text;
+                      std::make_tuple(c.baud, c.parity, c.stop))
+                << c.text;
         }
     }
 }
@@ -112,5 +120,6 @@ TEST(HostLink, ReconnectsWithGrowingPauses)
     EXPECT_EQ(host.stats.linkDrops, 1);
     ASSERT_TRUE(waitUntil([&]() { return ensureLink(host); }, 3000));
     EXPECT_EQ(host.link.connects, 2);
-    EXPECT_TRUE(warnings.filter(QStringLiteral("lost")).size() == 1) << warnings.join('\n').toStdString();
+    EXPECT_TRUE(warnings.filter(QStringLiteral("lost")).size() == 1)
+        << warnings.join('\n').toStdString();
 }

@@ -141,7 +141,9 @@ TEST(SimWire, SplitsAStreamIntoFrames)
 TEST(SimFaults, AreRepeatableFromTheSeed)
 {
     FaultConfig c;
-    ASSERT_TRUE(parseFaultSpec(QStringLiteral("drop=20,corrupt=20,truncate=10,double=10,seed=42"), c).isEmpty());
+    ASSERT_TRUE(
+        parseFaultSpec(QStringLiteral("drop=20,corrupt=20,truncate=10,double=10,seed=42"), c)
+            .isEmpty());
     const QByteArray reply = ackReply('r', "3412CDAB");
     FaultState one, two;
     resetFaults(one, c);
@@ -162,7 +164,7 @@ TEST(SimFaults, EachFaultSpoilsTheReplyItsOwnWay)
     struct Case {
         const char *spec;
         int chunks;
-        bool framed;        // ACK ... EOT kept
+        bool framed; // ACK ... EOT kept
         bool checksumValid;
     };
     const Case cases[] = {
@@ -228,7 +230,8 @@ TEST(SimServer, AnswersOverTcpLoopback)
 
     QTcpSocket client;
     client.connectToHost(QStringLiteral("127.0.0.1"), quint16(port));
-    ASSERT_TRUE(waitUntil([&]() { return client.state() == QAbstractSocket::ConnectedState; }, 3000));
+    ASSERT_TRUE(
+        waitUntil([&]() { return client.state() == QAbstractSocket::ConnectedState; }, 3000));
     QByteArray got;
     // Sent in two pieces: the server must join them.
     const QByteArray req = request("raC8000002");
@@ -236,7 +239,12 @@ TEST(SimServer, AnswersOverTcpLoopback)
     client.flush();
     waitUntil([]() { return false; }, 20);
     client.write(req.mid(4) + request("wa0A00000278560"));
-    ASSERT_TRUE(waitUntil([&]() { got += client.readAll(); return got.count('\x04') >= 2; }, 3000));
+    ASSERT_TRUE(waitUntil(
+        [&]() {
+            got += client.readAll();
+            return got.count('\x04') >= 2;
+        },
+        3000));
     EXPECT_EQ(got, ackReply('r', "3412") + nakReply('w', ERR_COUNT));
     EXPECT_EQ(statsOf(sim).requests, 2);
     EXPECT_EQ(statsOf(sim).naks, 1);
@@ -255,13 +263,15 @@ TEST(SimServer, AnswersOverAPseudoTerminal)
     const QByteArray req = request("rl04000002") + request("oi0400000100");
     ASSERT_EQ(::write(fd, req.constData(), size_t(req.size())), req.size());
     QByteArray got;
-    const bool done = waitUntil([&]() {
-        char buf[256];
-        const ssize_t n = ::read(fd, buf, sizeof buf);
-        if (n > 0)
-            got.append(buf, int(n));
-        return got.count('\x04') >= 2;
-    }, 3000);
+    const bool done = waitUntil(
+        [&]() {
+            char buf[256];
+            const ssize_t n = ::read(fd, buf, sizeof buf);
+            if (n > 0)
+                got.append(buf, int(n));
+            return got.count('\x04') >= 2;
+        },
+        3000);
     ::close(fd);
     ASSERT_TRUE(done) << got.toStdString();
     // Raw mode: the bytes come back exactly, no echo, no CR/LF translation.

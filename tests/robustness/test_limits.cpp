@@ -35,13 +35,15 @@ TEST_F(Limits, LongWritesGoOutInFramesOfAtMost127Words)
     struct Case {
         const char *properties;
         std::vector<int> wordsPerFrame;
-    } cases[] = {{"1#0#0#3#0", {127, 127, 127, 127, 4}}, {"1#0#0#3#100", {100, 100, 100, 100, 100, 12}}};
+    } cases[] = {{"1#0#0#3#0", {127, 127, 127, 127, 4}},
+                 {"1#0#0#3#100", {100, 100, 100, 100, 100, 12}}};
     for (const Case &c : cases) {
         SCOPED_TRACE(c.properties);
         reset(c.properties);
         std::vector<unsigned char> data;
         for (int i = 0; i < 512; ++i)
-            data.insert(data.end(), {static_cast<unsigned char>(i), static_cast<unsigned char>(0x80 | (i >> 8))});
+            data.insert(data.end(), {static_cast<unsigned char>(i),
+                                     static_cast<unsigned char>(0x80 | (i >> 8))});
         setData(1, "D_W", 0, data, 512);
         EXPECT_EQ(plc.pump(20), std::vector<int>(c.wordsPerFrame.size(), 1));
         std::vector<int> sizes;
@@ -99,7 +101,10 @@ TEST_F(Limits, OddPropertiesStillPollAndWrite)
         const char *properties;
         int retryTimes, maxPacketLen;
     } cases[] = {
-        {"", 0, 0}, {"1#0#0#3#-7", 3, -7}, {"x#y#z#w#v", 0, 0}, {"1#0#0#0#9999", 0, 9999},
+        {"", 0, 0},
+        {"1#0#0#3#-7", 3, -7},
+        {"x#y#z#w#v", 0, 0},
+        {"1#0#0#0#9999", 0, 9999},
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.properties);

@@ -87,7 +87,8 @@ TEST_F(PlanTest, MonitorFlagsForBothViewsOfOneRecord)
     EXPECT_EQ(findArea(1, "D", 0), nullptr);
     for (int i = 0; i < driver.dataAreas.size(); ++i) // the lookup index agrees
         EXPECT_EQ(getIndexOfDataArea(1, driver.dataAreas[i].name, driver.dataAreas[i].address,
-                                     driver.dataAreas), i);
+                                     driver.dataAreas),
+                  i);
 
     // A new list clears the flags of records no longer watched, keeps values.
     const int mi = getIndexOfDataArea(1, "M", 10, driver.dataAreas);
@@ -200,7 +201,6 @@ TEST_F(PlanTest, ConditionReadDuplicatesAndBound)
     EXPECT_EQ(driver.conditionReadList[0].requestTag, 7);
     EXPECT_EQ(driver.conditionReadList[1].requestTag, 9);
     EXPECT_EQ(driver.lastConditionRead.requestTag, 9);
-
 }
 
 } // namespace

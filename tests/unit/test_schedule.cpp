@@ -22,7 +22,7 @@ TEST_F(ScheduleTest, WritesConditionReadsAndPollingShareTheBurst)
         bool polling;
         std::string order; // W write, C condition read, P polling read, - nothing sent
     } cases[] = {
-        {12, 0, true, "WWWWWWWWWWPWW"}, {0, 5, true, "CCCPCCP"}, {4, 2, true, "WWWWPCCP"},
+        {12, 0, true, "WWWWWWWWWWPWW"}, {0, 5, true, "CCCPCCP"},  {4, 2, true, "WWWWPCCP"},
         {2, 2, true, "WWCPCP"},         {0, 5, false, "CCC-CC-"},
     };
     for (const Case &c : cases) {
