@@ -3,11 +3,12 @@
 # Safe to run again: with everything present it does nothing (and needs no root).
 set -euo pipefail
 
-# Build, test and tool packages. clang and llvm are for fuzzing; the Qt 6 ones
-# for the second build; dpkg-dev, fakeroot, file and lintian for the Debian
-# packages; the cross compilers and qemu-user for the arm64 and armhf builds.
+# Build, test and tool packages. clang and llvm are for fuzzing, clang-format
+# checks the layout; the Qt 6 ones for the second build; dpkg-dev, fakeroot,
+# file and lintian for the Debian packages; the cross compilers and qemu-user
+# for the arm64 and armhf builds.
 PACKAGES="cmake g++ make pkg-config binutils qtbase5-dev libqt5serialport5-dev \
-libgtest-dev libgmock-dev libbenchmark-dev clang llvm libclang-rt-14-dev \
+libgtest-dev libgmock-dev libbenchmark-dev clang clang-format llvm libclang-rt-14-dev \
 qt6-base-dev qt6-serialport-dev dpkg-dev fakeroot file lintian \
 g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user"
 # libpcap for xbc-host --capture; tshark runs the dissector over the captures

@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
-# Builds the project and runs every test: the library, the tools and all tests
-# built with AddressSanitizer and UndefinedBehaviorSanitizer, the thread stress
-# test under ThreadSanitizer, a short run of each fuzzer, the whole suite again
-# against Qt 6, the install and Debian packages (checked with lintian), and the
-# arm64 and armhf cross builds with their suites under qemu-user. Prints the
-# wall time of each stage. Usable from any directory. BUILD_DIR sets the test
-# build directory (default: build-test); the others sit beside it with the
-# suffixes -tsan, -fuzz, -qt6, -pkg, -arm64 and -armhf. FUZZ_SECONDS sets the
-# length of each fuzzer's run (default 30).
+# Builds the project and runs every test: the layout of the C++ files, the
+# library, the tools and all tests built with AddressSanitizer and
+# UndefinedBehaviorSanitizer, the thread stress test under ThreadSanitizer, a
+# short run of each fuzzer, the whole suite again against Qt 6, the install and
+# Debian packages (checked with lintian), and the arm64 and armhf cross builds
+# with their suites under qemu-user. Prints the wall time of each stage. Usable
+# from any directory. BUILD_DIR sets the test build directory (default:
+# build-test); the others sit beside it with the suffixes -tsan, -fuzz, -qt6,
+# -pkg, -arm64 and -armhf. FUZZ_SECONDS sets the length of each fuzzer's run
+# (default 30).
 set -euo pipefail
 
 ROOT="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
@@ -46,6 +47,9 @@ trap print_times EXIT
 
 step "Debian packages the build needs"
 bash scripts/install-deps.sh
+
+step "layout: clang-format over every tracked C++ file"
+bash scripts/check-format.sh
 
 step "AddressSanitizer and UndefinedBehaviorSanitizer: build, every test"
 cmake -S . -B "$BUILD_DIR" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DXBC_BUILD_TESTS=ON \
