@@ -16,6 +16,7 @@ set -euo pipefail
 BUILD_DIR="$1"
 WORK="$2"
 HERE="$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)"
+source "$HERE/../../scripts/sim-process.sh"
 CMAKE="${XBC_CMAKE:-cmake}"
 read -r -a EMULATOR <<< "${XBC_EMULATOR:-}"
 read -r -a CONSUMER_ARGS <<< "${XBC_CONSUMER_ARGS:-}"
@@ -80,17 +81,10 @@ expect "$WORK/pc.out" "^driver .*/ls_xbc_cpu_direct/libls_xbc_cpu_direct\.so ver
 fi
 
 echo "--- installed xbc-host against the installed xbc-plc-sim"
-"${EMULATOR[@]}" "$PREFIX/bin/xbc-plc-sim" --port 0 --duration 60 > "$WORK/sim.out" 2>&1 &
-SIM_PID=$!
-trap 'kill "$SIM_PID" 2>/dev/null || true' EXIT
-PORT=""
-for _ in $(seq 1 200); do
-    PORT="$(sed -n 's/^tcp 127\.0\.0\.1:\([0-9]*\)$/\1/p' "$WORK/sim.out")"
-    [ -n "$PORT" ] && break
-    kill -0 "$SIM_PID" 2>/dev/null || { cat "$WORK/sim.out"; fail "xbc-plc-sim ended"; }
-    sleep 0.1
-done
-[ -n "$PORT" ] || { cat "$WORK/sim.out"; fail "xbc-plc-sim printed no port"; }
+trap stop_sim EXIT
+start_sim "$WORK/sim.out" "${EMULATOR[@]}" "$PREFIX/bin/xbc-plc-sim" --port 0 --duration 60 ||
+    fail "xbc-plc-sim did not start"
+PORT="$SIM_PORT"
 "${EMULATOR[@]}" "$PREFIX/bin/xbc-host" --tcp "127.0.0.1:$PORT" --watch D_W:100:4 \
     --write D_W:100=1234 --duration 2 > "$WORK/host.out" 2>&1 ||
     { cat "$WORK/host.out"; fail "xbc-host failed"; }
