@@ -53,8 +53,9 @@ bool loadDriver(DriverApi &api, const QString &path, QString *error)
     if (!missing.isEmpty()) {
         if (error)
             *error = QStringLiteral("driver library '%1' lacks %2: %3")
-                         .arg(path, missing.size() == 1 ? QStringLiteral("the symbol")
-                                                        : QStringLiteral("the symbols"),
+                         .arg(path,
+                              missing.size() == 1 ? QStringLiteral("the symbol")
+                                                  : QStringLiteral("the symbols"),
                               missing.join(QStringLiteral(", ")));
         api = DriverApi();
         return false;

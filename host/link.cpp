@@ -5,6 +5,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <map>
 
 namespace xbchost {
 
@@ -17,6 +18,20 @@ void warnLine(Host &host, const QString &text)
     else
         std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
 }
+
+// The parity and stop-bit names of a line text.
+const std::map<QString, QSerialPort::Parity> PARITIES = {
+    {QStringLiteral("NONE"), QSerialPort::NoParity},
+    {QStringLiteral("EVEN"), QSerialPort::EvenParity},
+    {QStringLiteral("ODD"), QSerialPort::OddParity},
+    {QStringLiteral("SPACE"), QSerialPort::SpaceParity},
+    {QStringLiteral("MARK"), QSerialPort::MarkParity},
+};
+const std::map<QString, QSerialPort::StopBits> STOP_BITS = {
+    {QStringLiteral("1"), QSerialPort::OneStop},
+    {QStringLiteral("1.5"), QSerialPort::OneAndHalfStop},
+    {QStringLiteral("2"), QSerialPort::TwoStop},
+};
 
 QString describeTarget(const LinkConfig &c)
 {
@@ -39,7 +54,8 @@ bool connectTcp(Host &host)
     QObject::connect(&s, &QAbstractSocket::errorOccurred, &loop, &QEventLoop::quit);
     s.connectToHost(link.config.host, link.config.port);
     timer.start(CONNECT_TIMEOUT_MS);
-    if (s.state() != QAbstractSocket::ConnectedState && s.state() != QAbstractSocket::UnconnectedState)
+    if (s.state() != QAbstractSocket::ConnectedState &&
+        s.state() != QAbstractSocket::UnconnectedState)
         loop.exec();
     if (s.state() != QAbstractSocket::ConnectedState) {
         const QString reason = s.errorString();
@@ -123,8 +139,10 @@ QString parseTcpTarget(const QString &text, LinkConfig &out)
 QString parseSerialLine(const QString &text, SerialLine &out)
 {
     const QStringList f = text.split(QLatin1Char(','));
-    const QString usage = QStringLiteral("line parameters '%1': expected BAUD,DATABITS,PARITY,STOPBITS "
-                                         "such as 115200,8,NONE,1").arg(text);
+    const QString usage =
+        QStringLiteral("line parameters '%1': expected BAUD,DATABITS,PARITY,STOPBITS "
+                       "such as 115200,8,NONE,1")
+            .arg(text);
     if (f.size() != 4)
         return usage;
     SerialLine line;
@@ -136,28 +154,12 @@ QString parseSerialLine(const QString &text, SerialLine &out)
     if (!ok || bits < 5 || bits > 8)
         return usage;
     line.dataBits = QSerialPort::DataBits(bits);
-    const QString parity = f[2].trimmed().toUpper();
-    if (parity == QLatin1String("NONE"))
-        line.parity = QSerialPort::NoParity;
-    else if (parity == QLatin1String("EVEN"))
-        line.parity = QSerialPort::EvenParity;
-    else if (parity == QLatin1String("ODD"))
-        line.parity = QSerialPort::OddParity;
-    else if (parity == QLatin1String("SPACE"))
-        line.parity = QSerialPort::SpaceParity;
-    else if (parity == QLatin1String("MARK"))
-        line.parity = QSerialPort::MarkParity;
-    else
+    const auto parity = PARITIES.find(f[2].trimmed().toUpper());
+    const auto stop = STOP_BITS.find(f[3].trimmed());
+    if (parity == PARITIES.end() || stop == STOP_BITS.end())
         return usage;
-    const QString stop = f[3].trimmed();
-    if (stop == QLatin1String("1"))
-        line.stopBits = QSerialPort::OneStop;
-    else if (stop == QLatin1String("1.5"))
-        line.stopBits = QSerialPort::OneAndHalfStop;
-    else if (stop == QLatin1String("2"))
-        line.stopBits = QSerialPort::TwoStop;
-    else
-        return usage;
+    line.parity = parity->second;
+    line.stopBits = stop->second;
     out = line;
     return QString();
 }
