@@ -1,6 +1,8 @@
 // Frame layout: hex characters, checksum, the handshake, read and write frames.
 #include "xbc_protocol.h"
 
+#include <climits>
+
 unsigned char hexChar(int nibble)
 {
     nibble &= 0x0F;
@@ -237,6 +239,9 @@ int getWriteFrame(VARIABLE &request)
 {
     const Register reg = registerOf(request.regName);
     if (reg.letter == 0 || request.count < 1)
+        return 0;
+    // Addresses below 0 or past INT_MAX have no bit or word number on the wire.
+    if (request.address < 0 || request.address > INT_MAX - request.count)
         return 0;
     if (!reg.wireBits())
         return queueWordWrites(request);

@@ -116,7 +116,7 @@ static AreaRegisters formNames(const QString &area)
             area + QLatin1String("_D")};
 }
 
-AreaRegisters registersOfArea(const QString &area)
+const AreaRegisters *tableAreaRegisters(const QString &area)
 {
     static const QHash<QString, AreaRegisters> known = [] {
         QHash<QString, AreaRegisters> out;
@@ -125,5 +125,11 @@ AreaRegisters registersOfArea(const QString &area)
         return out;
     }();
     const auto found = known.constFind(area);
-    return found != known.constEnd() ? found.value() : formNames(area);
+    return found != known.constEnd() ? &found.value() : nullptr;
+}
+
+AreaRegisters registersOfArea(const QString &area)
+{
+    const AreaRegisters *known = tableAreaRegisters(area);
+    return known != nullptr ? *known : formNames(area);
 }

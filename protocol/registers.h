@@ -68,5 +68,7 @@ struct AreaRegisters {
     QString dword; // 32-bit values: "M_D"
 };
 AreaRegisters registersOfArea(const QString &area);
+// The same for an area of the table, without a copy; null for other areas.
+const AreaRegisters *tableAreaRegisters(const QString &area);
 
 #endif

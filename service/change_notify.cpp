@@ -8,9 +8,16 @@ static void notifyUnitChange(int unitBits, const quint32 *oldValue, const quint3
     if (index < 0 || index >= driver.dataAreas.size())
         return;
     const _DATA_ &r = driver.dataAreas.at(index);
-    const AreaRegisters names = registersOfArea(r.name);
+    AreaRegisters formed;
+    const AreaRegisters *known = tableAreaRegisters(r.name);
+    if (known == nullptr)
+        formed = registersOfArea(r.name);
+    const AreaRegisters &names = known != nullptr ? *known : formed;
     const auto send = [&](const QString &name, int address) {
-        notifyHost(driver.driverId, r.stationNo, name, address);
+        if (known != nullptr)
+            notifyHostTableName(driver.driverId, r.stationNo, &name, address);
+        else
+            notifyHost(driver.driverId, r.stationNo, name, address);
     };
     if (!skipBits && r.bitMonitor != 0) {
         for (int b = 0; b < unitBits; ++b) {
@@ -28,7 +35,7 @@ static void notifyUnitChange(int unitBits, const quint32 *oldValue, const quint3
         else if (unitBits == 8)
             send(names.byte, r.address);
         else
-            send(r.name, r.address);
+            notifyHost(driver.driverId, r.stationNo, r.name, r.address);
     }
     if (unitBits == 16 || unitBits == 8) {
         for (int k = 1; k <= 2; ++k) {

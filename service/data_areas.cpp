@@ -51,9 +51,13 @@ static int areaNumberOf(DataAreaIndex &index, const QString &name)
     return number;
 }
 
+// Area numbers outlive the index: a number handed out stays the area's.
 static void clearIndex()
 {
+    QHash<QString, int> numbers;
+    numbers.swap(driverPrivate.dataAreaIndex.areaNumbers);
     driverPrivate.dataAreaIndex = DataAreaIndex();
+    driverPrivate.dataAreaIndex.areaNumbers.swap(numbers);
     driverPrivate.dataAreaRuns.clear();
 }
 
@@ -68,12 +72,11 @@ static int appendRecord(int stationNo, const QString &name, int address, QList<_
 }
 
 // Slot of the key in the index, taken for `record` when the key is new.
-static DataAreaIndex::Slot &indexKey(int stationNo, const QString &name, int address, int record)
+static DataAreaIndex::Slot &indexKey(int stationNo, int area, int address, int record)
 {
     DataAreaIndex &index = driverPrivate.dataAreaIndex;
     if (2 * (index.used + 1) > int(index.table.size()))
         growIndex(index);
-    const int area = areaNumberOf(index, name);
     DataAreaIndex::Slot &slot = slotFor(index, stationNo, area, address);
     if (slot.record < 0) {
         slot = DataAreaIndex::Slot{stationNo, area, address, record};
@@ -91,18 +94,23 @@ static void rebuildIndexIfStale()
     clearIndex();
     for (int i = 0; i < driver.dataAreas.size(); ++i) {
         const _DATA_ &r = driver.dataAreas.at(i);
-        indexKey(r.stationNo, r.name, r.address, i);
+        indexKey(r.stationNo, areaNumberOf(driverPrivate.dataAreaIndex, r.name), r.address, i);
     }
     driverPrivate.dataAreaIndex.records = driver.dataAreas.size();
 }
 
-static int indexedRecord(int stationNo, const QString &name, int address)
+AreaRecords areaRecords(int stationNo, const QString &name)
+{
+    return AreaRecords{stationNo, name, areaNumberOf(driverPrivate.dataAreaIndex, name)};
+}
+
+int recordIndex(const AreaRecords &area, int address)
 {
     rebuildIndexIfStale();
     const int next = driver.dataAreas.size();
-    const DataAreaIndex::Slot &slot = indexKey(stationNo, name, address, next);
+    const DataAreaIndex::Slot &slot = indexKey(area.stationNo, area.number, address, next);
     if (slot.record == next) {
-        appendRecord(stationNo, name, address, driver.dataAreas);
+        appendRecord(area.stationNo, area.name, address, driver.dataAreas);
         driverPrivate.dataAreaIndex.records = driver.dataAreas.size();
     }
     return slot.record;
@@ -111,7 +119,7 @@ static int indexedRecord(int stationNo, const QString &name, int address)
 int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list)
 {
     if (&list == &driver.dataAreas)
-        return indexedRecord(stationNo, name, address);
+        return recordIndex(areaRecords(stationNo, name), address);
     for (int i = 0; i < list.size(); ++i) {
         const _DATA_ &r = list.at(i);
         if (r.stationNo == stationNo && r.name == name && r.address == address)
@@ -133,8 +141,9 @@ QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int coun
     QVector<int> run = driverPrivate.dataAreaRuns.value(key);
     if (run.size() >= count)
         return run;
+    const AreaRecords area = areaRecords(stationNo, name);
     for (int k = run.size(); k < count; ++k)
-        run.append(getIndexOfDataArea(stationNo, name, addrAt(first, k), driver.dataAreas));
+        run.append(recordIndex(area, addrAt(first, k)));
     if (driverPrivate.dataAreaRuns.size() >= MAX_CACHED_RUNS)
         driverPrivate.dataAreaRuns.clear();
     driverPrivate.dataAreaRuns.insert(key, run);
@@ -149,10 +158,11 @@ int _setBitValue(int value, int bit, int on)
 
 int monitorFlagsFor(const Register &reg, int stationNo, int start, int count)
 {
+    const AreaRecords area = areaRecords(stationNo, reg.area);
     walkRecords(reg, start, count, [&](const RecordSlot &slot) {
         if (!slot.hasRecord())
             return;
-        const int index = getIndexOfDataArea(stationNo, reg.area, slot.address, driver.dataAreas);
+        const int index = recordIndex(area, slot.address);
         _DATA_ &r = driver.dataAreas[index];
         if (slot.bytes == 0)
             r.bitMonitor = quint32(_setBitValue(int(r.bitMonitor), slot.part, 1));

@@ -15,7 +15,12 @@ Protocol::~Protocol() = default;
 
 void notifyHost(int id, int stationNo, const QString &name, int address)
 {
-    driverPrivate.pendingNotes.push_back(PendingNote{id, stationNo, name, address});
+    driverPrivate.pendingNotes.push_back(PendingNote{id, stationNo, nullptr, name, address});
+}
+
+void notifyHostTableName(int id, int stationNo, const QString *name, int address)
+{
+    driverPrivate.pendingNotes.push_back(PendingNote{id, stationNo, name, QString(), address});
 }
 
 DriverCall::DriverCall()
@@ -28,12 +33,23 @@ DriverCall::DriverCall()
 // Without a callback there is nobody to tell; the values stay readable.
 DriverCall::~DriverCall()
 {
+    if (driverPrivate.pendingNotes.empty()) {
+        driverPrivate.stateMutex.unlock();
+        return;
+    }
     std::vector<PendingNote> notes;
     notes.swap(driverPrivate.pendingNotes);
     const AddrValueChangeCallBack callBack = driver.addrValueChangeCallBack;
     driverPrivate.stateMutex.unlock();
-    if (callBack == nullptr)
-        return;
-    for (const PendingNote &note : notes)
-        callBack(note.id, note.stationNo, note.name, note.address);
+    for (const PendingNote &note : notes) {
+        if (callBack != nullptr)
+            callBack(note.id, note.stationNo, note.name(), note.address);
+    }
+    // The buffer goes back for the next call, so a busy reply allocates
+    // nothing once one like it has been seen.
+    notes.clear();
+    const std::lock_guard<std::mutex> relock(driverPrivate.stateMutex);
+    if (driverPrivate.pendingNotes.empty() &&
+        driverPrivate.pendingNotes.capacity() < notes.capacity())
+        driverPrivate.pendingNotes.swap(notes);
 }

@@ -18,6 +18,8 @@ class DriverCall {
 };
 // Queues a value-change notification of the current call.
 void notifyHost(int id, int stationNo, const QString &name, int address);
+// The same with a name of the register model's tables, which is not copied.
+void notifyHostTableName(int id, int stationNo, const QString *name, int address);
 
 // --- identity and properties ---
 void resetRun();
@@ -143,6 +145,16 @@ template <class Visit> void walkRecords(const Register &reg, int start, int coun
 int monitorFlagsFor(const Register &reg, int stationNo, int start, int count);
 
 int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list);
+// The records of one station's area, for a run of lookups: the area is
+// numbered once instead of once per record.
+struct AreaRecords {
+    int stationNo;
+    QString name;
+    int number;
+};
+AreaRecords areaRecords(int stationNo, const QString &name);
+// Index of the record at `address`, created when absent.
+int recordIndex(const AreaRecords &area, int address);
 void clearDataAreas();
 // Indices of the records (station, name, first + k) for k below count, created
 // when absent.

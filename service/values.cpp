@@ -3,9 +3,9 @@
 
 #include <QMutexLocker>
 
-static _DATA_ &recordAt(int stationNo, const QString &area, int address, int *index = nullptr)
+static _DATA_ &recordAt(const AreaRecords &area, int address, int *index = nullptr)
 {
-    const int i = getIndexOfDataArea(stationNo, area, address, driver.dataAreas);
+    const int i = recordIndex(area, address);
     if (index != nullptr)
         *index = i;
     return driver.dataAreas[i];
@@ -26,12 +26,13 @@ int intf_getData(int stationNo, QString regName, int start, int count, unsigned 
     const Register reg = registerOf(regName);
     if (out == nullptr)
         return 1;
+    const AreaRecords area = areaRecords(stationNo, reg.area);
     walkRecords(reg, start, count, [&](const RecordSlot &slot) {
         if (!slot.hasRecord()) {
             out[slot.offset] = 0;
             return;
         }
-        const _DATA_ &r = recordAt(stationNo, reg.area, slot.address);
+        const _DATA_ &r = recordAt(area, slot.address);
         if (slot.bytes == 0)
             out[slot.offset] = shownBit(r, slot.part);
         else
@@ -56,20 +57,18 @@ struct RequestsLeft {
     QVector<Span> spans;
 };
 
-static RequestsLeft requestsLeft(int st, const QString &area, int from)
+static RequestsLeft requestsLeft(const AreaRecords &area, int from)
 {
     RequestsLeft left;
+    const AreaRegisters names = registersOfArea(area.name);
     QMutexLocker lock(&driver.dataMutex);
     for (int i = qMax(from, 0); i < driver.writeList.size(); ++i) {
         const VARIABLE &v = driver.writeList.at(i);
-        if (v.stationNo != st)
+        if (v.stationNo != area.stationNo)
             continue;
-        const Register *reg = tableRegister(v.regName);
-        if (reg == nullptr || reg->area != area ||
-            (reg->kind != MAP_WORD && reg->kind != MAP_BIT_IN_WORD))
-            continue;
-        left.spans.append({reg->kind == MAP_BIT_IN_WORD, qint64(v.address),
-                           qint64(v.address) + qMax(v.count, 0)});
+        const bool bits = v.regName == names.bit;
+        if (bits || v.regName == names.word)
+            left.spans.append({bits, qint64(v.address), qint64(v.address) + qMax(v.count, 0)});
     }
     return left;
 }
@@ -107,12 +106,13 @@ static bool wordWritesLeft(const RequestsLeft &left, int record)
 // Writing: the image shows the written value at once.
 
 // A bit of a shared record, set by any non-zero byte as on the wire.
-static void storeBit(int st, const Register &reg, const RecordSlot &slot, unsigned char on)
+static void storeBit(const AreaRecords &area, const Register &reg, const RecordSlot &slot,
+                     unsigned char on)
 {
     if (!slot.hasRecord())
         return;
     int index = 0;
-    _DATA_ &r = recordAt(st, reg.area, slot.address, &index);
+    _DATA_ &r = recordAt(area, slot.address, &index);
     const int k = slot.part / 8;
     const unsigned char mask = (unsigned char)(1u << (slot.part % 8));
     const unsigned char *shown = shownBytes(r);
@@ -136,16 +136,16 @@ static void storeBit(int st, const Register &reg, const RecordSlot &slot, unsign
     // The request of this write is already queued; the bits of one record come
     // one after another, so the list is counted once per record.
     if (reg.kind == MAP_BIT_IN_WORD && (slot.value == 0 || slot.part == 0))
-        r.pendingBitWrites = bitWritesLeft(requestsLeft(st, reg.area, 0), slot.address);
+        r.pendingBitWrites = bitWritesLeft(requestsLeft(area, 0), slot.address);
 }
 
 // A unit of one, two or four bytes. A contact is stored as 0 or 1, as any
 // non-zero byte sets it on the wire.
-static void storeUnit(int st, const Register &reg, const QString &regName, int start,
-                      const RecordSlot &slot, const unsigned char *data)
+static void storeUnit(const AreaRecords &area, const Register &reg, const QString &regName,
+                      int start, const RecordSlot &slot, const unsigned char *data)
 {
     int index = 0;
-    _DATA_ &r = recordAt(st, reg.area, slot.address, &index);
+    _DATA_ &r = recordAt(area, slot.address, &index);
     unsigned char bytes[4] = {};
     memcpy(bytes, data + slot.offset, size_t(slot.bytes));
     if (reg.kind == MAP_PER_BIT)
@@ -163,7 +163,7 @@ static void storeUnit(int st, const Register &reg, const QString &regName, int s
             _wordDataChange(&oldValue, &newValue, index, 0);
         } else if (reg.kind == MAP_PER_BIT || (reg.kind == MAP_WORD_OF_BYTES && slot.part == 1)) {
             // The value as a whole, whatever its flags say.
-            notifyHost(driver.driverId, st, regName, addrAt(start, slot.value));
+            notifyHost(driver.driverId, area.stationNo, regName, addrAt(start, slot.value));
         } else {
             _byteDataChange(&oldByte, &bytes[0], index, 0);
         }
@@ -177,11 +177,12 @@ void write_saveDataToArea(int stationNo, QString regName, int start, int count, 
     if (data == nullptr)
         return;
     const Register reg = registerOf(regName);
+    const AreaRecords area = areaRecords(stationNo, reg.area);
     walkRecords(reg, start, qMin(count, DATA_BYTES), [&](const RecordSlot &slot) {
         if (slot.bytes == 0)
-            storeBit(stationNo, reg, slot, data[slot.offset]);
+            storeBit(area, reg, slot, data[slot.offset]);
         else
-            storeUnit(stationNo, reg, regName, start, slot, data);
+            storeUnit(area, reg, regName, start, slot, data);
     });
 }
 
@@ -221,7 +222,7 @@ int intf_setData(int stationNo, QString regName, int start, int count, unsigned 
 {
     DriverCall call;
     const Register reg = registerOf(regName);
-    const int bytes = reg.dataBits == 1 ? count : 2 * count;
+    const qint64 bytes = reg.dataBits == 1 ? qint64(count) : 2 * qint64(count);
     // A write that does not fit one request's data is refused as a whole.
     if (count > 0 && (data == nullptr || bytes > DATA_BYTES))
         return 1;
@@ -246,11 +247,11 @@ int intf_setData(int stationNo, QString regName, int start, int count, unsigned 
 // again. A record goes on showing its written value while other requests for
 // it are left.
 
-static void settleWord(int st, const QString &area, int address, bool success,
+static void settleWord(const AreaRecords &area, int address, bool success,
                        const unsigned char *requestBytes, const RequestsLeft &left)
 {
     int index = 0;
-    _DATA_ &r = recordAt(st, area, address, &index);
+    _DATA_ &r = recordAt(area, address, &index);
     if (success) {
         const unsigned char *landed = requestBytes ? requestBytes : r.writtenValue;
         r.value[0] = landed[0];
@@ -266,10 +267,10 @@ static void settleWord(int st, const QString &area, int address, bool success,
     _wordDataChange(&written, &image, index, 0);
 }
 
-static void settleByte(int st, const QString &area, int address, bool success)
+static void settleByte(const AreaRecords &area, int address, bool success)
 {
     int index = 0;
-    _DATA_ &r = recordAt(st, area, address, &index);
+    _DATA_ &r = recordAt(area, address, &index);
     r.writePending = false;
     if (success) {
         r.value[0] = r.writtenValue[0];
@@ -280,10 +281,10 @@ static void settleByte(int st, const QString &area, int address, bool success)
     _byteDataChange(&written, &image, index, 0);
 }
 
-static void settleDoubleWord(int st, const QString &area, int address, bool success)
+static void settleDoubleWord(const AreaRecords &area, int address, bool success)
 {
     int index = 0;
-    _DATA_ &r = recordAt(st, area, address, &index);
+    _DATA_ &r = recordAt(area, address, &index);
     r.writePending = false;
     if (success)
         memcpy(r.value, r.writtenValue, 4);
@@ -291,14 +292,14 @@ static void settleDoubleWord(int st, const QString &area, int address, bool succ
         _dwordDataChange(nullptr, nullptr, index, 0);
 }
 
-static void settlePerBit(int st, const QString &regName, int address, bool success)
+static void settlePerBit(const AreaRecords &area, int address, bool success)
 {
-    _DATA_ &r = recordAt(st, regName, address);
+    _DATA_ &r = recordAt(area, address);
     r.writePending = false;
     if (success)
         r.value[0] = r.writtenValue[0];
     else
-        notifyHost(driver.driverId, st, regName, address);
+        notifyHost(driver.driverId, area.stationNo, area.name, address);
 }
 
 // The bits of one shared record that one result settles: the record shows the
@@ -308,13 +309,13 @@ struct SettledBits {
     quint32 bits = 0;
 };
 
-static void settleBitsOfRecord(int st, const Register &reg, const SettledBits &settled,
-                               bool success, const RequestsLeft &left)
+static void settleBitsOfRecord(const AreaRecords &area, const Register &reg,
+                               const SettledBits &settled, bool success, const RequestsLeft &left)
 {
     if (settled.record < 0)
         return;
     int index = 0;
-    _DATA_ &r = recordAt(st, reg.area, settled.record, &index);
+    _DATA_ &r = recordAt(area, settled.record, &index);
     for (int b = 0; b < reg.unitBits && success; ++b) {
         const unsigned char mask = (unsigned char)(1u << (b % 8));
         if (settled.bits & (1u << b))
@@ -353,31 +354,32 @@ static void settleWrite(int stationNo, const QString &regName, int start, int co
                         int listFrom)
 {
     const Register reg = registerOf(regName);
-    const RequestsLeft left = requestsLeft(stationNo, reg.area, listFrom);
+    const AreaRecords area = areaRecords(stationNo, reg.area);
+    const RequestsLeft left = requestsLeft(area, listFrom);
     SettledBits bits;
     walkRecords(reg, start, count, [&](const RecordSlot &slot) {
         if (slot.bytes == 0) {
             if (!slot.hasRecord())
                 return;
             if (slot.address != bits.record) {
-                settleBitsOfRecord(stationNo, reg, bits, ok, left);
+                settleBitsOfRecord(area, reg, bits, ok, left);
                 bits = SettledBits{slot.address, 0};
             }
             bits.bits |= 1u << slot.part;
         } else if (slot.bytes == 4) {
-            settleDoubleWord(stationNo, reg.area, slot.address, ok);
+            settleDoubleWord(area, slot.address, ok);
         } else if (slot.bytes == 2) {
             const bool ownWord = reg.kind == MAP_WORD;
-            settleWord(stationNo, reg.area, slot.address, ok,
+            settleWord(area, slot.address, ok,
                        ownWord ? headBytesFor(stationNo, regName, slot.address, listFrom) : nullptr,
                        ownWord ? left : RequestsLeft());
         } else if (reg.kind == MAP_PER_BIT) {
-            settlePerBit(stationNo, regName, slot.address, ok);
+            settlePerBit(area, slot.address, ok);
         } else {
-            settleByte(stationNo, reg.area, slot.address, ok);
+            settleByte(area, slot.address, ok);
         }
     });
-    settleBitsOfRecord(stationNo, reg, bits, ok, left);
+    settleBitsOfRecord(area, reg, bits, ok, left);
 }
 
 // The result of the request at the head of the write list.
