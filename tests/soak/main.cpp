@@ -35,6 +35,7 @@ constexpr int DEFAULT_MAX_RSS_MIB = 768;
 constexpr int DEFAULT_MAX_RSS_MIB = 64;
 #endif
 
+constexpr int DEFAULT_RETRIES = 3;
 const char *const DEFAULT_FAULTS = "drop=10,corrupt=10,truncate=5,delay=5";
 
 int exitCode = 0;
@@ -65,6 +66,7 @@ struct Options {
     QString driver;
     QString simulator;
     int maxRssMib = DEFAULT_MAX_RSS_MIB;
+    int retries = DEFAULT_RETRIES;
     bool verbose = false;
 };
 
@@ -102,10 +104,16 @@ QString parseOptions(const QCoreApplication &app, Options &o)
         QStringLiteral("max-rss-mb"),
         QStringLiteral("Bound of the peak resident memory (default %1).").arg(DEFAULT_MAX_RSS_MIB),
         QStringLiteral("MIB"), QString::number(DEFAULT_MAX_RSS_MIB));
+    const QCommandLineOption retriesOpt(
+        QStringLiteral("retries"),
+        QStringLiteral("retryTimes of the property string (default %1): fewer make more "
+                       "writes fail.")
+            .arg(DEFAULT_RETRIES),
+        QStringLiteral("N"), QString::number(DEFAULT_RETRIES));
     const QCommandLineOption verboseOpt(QStringLiteral("verbose"),
                                         QStringLiteral("Print the host's link messages."));
-    parser.addOptions(
-        {secondsOpt, linkOpt, seedOpt, faultsOpt, driverOpt, simOpt, rssOpt, verboseOpt});
+    parser.addOptions({secondsOpt, linkOpt, seedOpt, faultsOpt, driverOpt, simOpt, rssOpt,
+                       retriesOpt, verboseOpt});
     parser.process(app);
     bool ok = false;
     o.seconds = parser.value(secondsOpt).toInt(&ok);
@@ -121,6 +129,9 @@ QString parseOptions(const QCoreApplication &app, Options &o)
     o.maxRssMib = parser.value(rssOpt).toInt(&ok);
     if (!ok || o.maxRssMib < 1)
         return QStringLiteral("--max-rss-mb: expected a number of at least 1");
+    o.retries = parser.value(retriesOpt).toInt(&ok);
+    if (!ok || o.retries < 1)
+        return QStringLiteral("--retries: expected a number of at least 1");
     o.faults = parser.value(faultsOpt);
     o.driver = parser.value(driverOpt);
     o.simulator = parser.value(simOpt);
@@ -130,7 +141,7 @@ QString parseOptions(const QCoreApplication &app, Options &o)
 
 void setUpHost(Host &host, Ledger &ledger, const Options &o)
 {
-    host.config.properties = QStringLiteral("1#0#0#3#64");
+    host.config.properties = QStringLiteral("1#0#0#%1#64").arg(o.retries);
     host.config.replyTimeoutMs = REPLY_TIMEOUT_MS;
     host.config.pollIntervalMs = POLL_INTERVAL_MS;
     host.config.print = [](const QString &) {};

@@ -17,6 +17,8 @@ enum {
     RECIPE_PER_MILLE = 25,       // ticks that start a recipe transfer when none is pending
     MAX_RUN = 12,                // longest run of words or bits of one write
     MAX_CONTACT_RUN = 4,
+    MAX_BURST = 8,        // writes of one toggle burst
+    BURST_PER_MILLE = 30, // ticks that start one
     M_BITS = M_WORDS * 16,
     RECIPE_BUFFER_WORDS = 40,
     RECIPE_WAIT_MS = 15000,
@@ -59,6 +61,20 @@ int bitByte(Work &work)
     return chance(work, 10) ? draw(work, 2, 255) : 1;
 }
 
+void queueValues(Host &host, Ledger &ledger, const QString &reg, int address,
+                 const QVector<int> &values)
+{
+    const bool bits = xbchost::isBitRegister(host, reg);
+    QByteArray data;
+    for (int v : values) {
+        data.append(char(v & 0xFF));
+        if (!bits)
+            data.append(char(v >> 8));
+    }
+    const int tag = xbchost::queueWrite(host, reg, address, values.size(), data);
+    recordWrite(ledger, tag, reg, address, values, host.clock.elapsed());
+}
+
 void queueRandomWrite(Work &work, Host &host, Ledger &ledger)
 {
     QString reg;
@@ -92,16 +108,32 @@ void queueRandomWrite(Work &work, Host &host, Ledger &ledger)
         address = draw(work, 0, CONTACTS - count);
     }
     QVector<int> values;
-    QByteArray data;
-    for (int i = 0; i < count; ++i) {
-        const int v = bits ? bitByte(work) : draw(work, 0, 0xFFFF);
-        values.append(v);
-        data.append(char(v & 0xFF));
-        if (!bits)
-            data.append(char(v >> 8));
+    for (int i = 0; i < count; ++i)
+        values.append(bits ? bitByte(work) : draw(work, 0, 0xFFFF));
+    queueValues(host, ledger, reg, address, values);
+}
+
+// Quick toggles of two bits of one word with word writes in between, as a
+// button pressed several times while the line is slow: later requests replace
+// queued ones for the same bit, and the word write shares their record.
+void queueToggleBurst(Work &work, Host &host, Ledger &ledger)
+{
+    const int word = draw(work, 0, M_WORDS - 1);
+    const int first = word * 16 + draw(work, 0, 15);
+    const int second = word * 16 + draw(work, 0, 15);
+    const int steps = draw(work, 3, MAX_BURST);
+    for (int i = 0; i < steps; ++i) {
+        const int form = draw(work, 0, 9);
+        if (form < 4)
+            queueValues(host, ledger, QStringLiteral("M_bit"), first, {bitByte(work)});
+        else if (form < 7)
+            queueValues(host, ledger, QStringLiteral("M_bit"), second, {bitByte(work)});
+        else if (form < 9)
+            queueValues(host, ledger, QStringLiteral("D_W"), draw(work, 0, D_WORDS - 1),
+                        {draw(work, 0, 0xFFFF)});
+        else
+            queueValues(host, ledger, QStringLiteral("M_W"), word, {draw(work, 0, 0xFFFF)});
     }
-    const int tag = xbchost::queueWrite(host, reg, address, count, data);
-    recordWrite(ledger, tag, reg, address, values, host.clock.elapsed());
 }
 
 void startConditionRead(Work &work, Host &host)
@@ -197,6 +229,8 @@ void randomWork(Work &work, Host &host, Ledger &ledger)
     work.lastWorkMs = now;
     for (; work.writeBudget >= 1; work.writeBudget -= 1)
         queueRandomWrite(work, host, ledger);
+    if (draw(work, 0, 999) < BURST_PER_MILLE)
+        queueToggleBurst(work, host, ledger);
     // A runtime waits for the end of one condition read before the next: the
     // driver reports the end of the last one queued.
     if (!conditionReadOpen(host, work) && chance(work, CONDITION_READ_PERCENT))
