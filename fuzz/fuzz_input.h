@@ -28,9 +28,11 @@ constexpr uint8_t REG_PICK_TABLE = 200;
 constexpr uint8_t COUNT_PICK_SHORT = 160;
 constexpr uint8_t COUNT_PICK_SMALL = 248;
 constexpr uint8_t COUNT_PICK_WORD = 252;
-constexpr int SHORT_COUNT_RANGE = 32;
+constexpr int SHORT_COUNT_RANGE = 20;
 constexpr int SMALL_COUNT_RANGE = 140;
 constexpr int MAX_NAME_BYTES = 8;
+// Keys of one merge in fuzz_setup: below this many.
+constexpr int SETUP_MAX_KEYS = 12;
 
 struct FuzzInput {
     const uint8_t *data;

@@ -5,9 +5,8 @@
 #include <string>
 
 constexpr int MAX_PROPERTY_BYTES = 40;
-constexpr int MAX_KEYS = 16;
 constexpr int ROUNDS = 2;
-constexpr int EXCHANGES_PER_ROUND = 4;
+constexpr int EXCHANGES_PER_ROUND = 3;
 constexpr int MAX_REPLY_LEN = 4096;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
@@ -17,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     fuzzResetDriver(std::string(properties.constData(), size_t(properties.size())).c_str());
     for (int round = 0; round < ROUNDS; ++round) {
         QList<KEY_ADDRESS> keys;
-        for (int n = in.byte() % MAX_KEYS; n > 0; --n) {
+        for (int n = in.byte() % SETUP_MAX_KEYS; n > 0; --n) {
             KEY_ADDRESS key;
             key.stationNo = in.byte() < 250 ? in.byte() % 4 : in.int32();
             key.regName = in.regName();

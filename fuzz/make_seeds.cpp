@@ -270,13 +270,14 @@ void setupSeeds()
     for (const char *p : properties) {
         FuzzSeed s;
         s.byte(int(strlen(p))).raw(QByteArray(p));
-        // Round one: every register at its first address; round two: near the
-        // end of each, with a count that runs past it.
-        s.byte(REG_COUNT);
-        for (int row = 0; row < REG_COUNT; ++row)
+        // Round one: the first registers at their first address; round two:
+        // the last ones near their end, with a count that runs past it.
+        const int keys = SETUP_MAX_KEYS - 1;
+        s.byte(keys);
+        for (int row = 0; row < keys; ++row)
             setupKey(s, row, 0, 1 + row % 4);
-        s.byte(REG_COUNT);
-        for (int row = 0; row < REG_COUNT; ++row)
+        s.byte(keys);
+        for (int row = REG_COUNT - keys; row < REG_COUNT; ++row)
             setupKey(s, row, maxAddressOf(row) - 2, 5);
         writeSeed("fuzz_setup", QString::fromLatin1("registers-%1").arg(n++), s.bytes);
     }
