@@ -15,11 +15,7 @@ int intf_addConditionRead(KEY_ADDRESS key, int requestTag)
     QList<KEY_ADDRESS> pieces;
     groupingKey(key, limit, pieces, 0);
     for (const KEY_ADDRESS &piece : pieces) {
-        VARIABLE request;
-        request.requestTag = requestTag;
-        request.stationNo = piece.stationNo;
-        request.regName = piece.regName;
-        request.address = piece.address;
+        VARIABLE request = requestOf(piece, requestTag);
         request.count = int(qint64(piece.count) * (reg.unitBits > 0 ? 16 / reg.unitBits : 1));
         // Bits of a "_bit" register are read through the words that hold them,
         // so that watched bits are notified from the word reply.

@@ -189,6 +189,17 @@ void groupingKey(KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &pieces, int w
     }
 }
 
+VARIABLE requestOf(const KEY_ADDRESS &piece, int tag)
+{
+    VARIABLE request;
+    request.requestTag = tag;
+    request.stationNo = piece.stationNo;
+    request.regName = piece.regName;
+    request.address = piece.address;
+    request.count = piece.count;
+    return request;
+}
+
 bool sameRequest(const VARIABLE &a, const VARIABLE &b)
 {
     return a.stationNo == b.stationNo && a.regName == b.regName && a.address == b.address &&

@@ -3,6 +3,17 @@
 
 #include <algorithm>
 
+// What a recipe variable and its merge key share.
+template <class From, class To> static void copyRecipeRun(const From &from, To &to)
+{
+    to.stationNo = from.stationNo;
+    to.regName = from.regName;
+    to.address = from.address;
+    to.count = from.count;
+    to.bufferIndex = from.bufferIndex;
+}
+
+
 int intf_setRcpAddress(QVector<_RCP_VAR_PRO> *vars)
 {
     DriverCall call;
@@ -27,21 +38,13 @@ int intf_setRcpAddress(QVector<_RCP_VAR_PRO> *vars)
     QList<KEY_ADDRESS> keys;
     for (const _RCP_VAR_PRO &var : driver.rcpVarList) {
         KEY_ADDRESS key;
-        key.stationNo = var.stationNo;
-        key.regName = var.regName;
-        key.address = var.address;
-        key.count = var.count;
-        key.bufferIndex = var.bufferIndex;
+        copyRecipeRun(var, key);
         keys.append(key);
     }
     addrMerge(keys, 2);
     for (const KEY_ADDRESS &block : keys) {
         _RCP_VAR_PRO record;
-        record.stationNo = block.stationNo;
-        record.regName = block.regName;
-        record.address = block.address;
-        record.count = block.count;
-        record.bufferIndex = block.bufferIndex;
+        copyRecipeRun(block, record);
         driver.rcpBlockList.append(record);
     }
     return driver.rcpVarList.size();

@@ -31,6 +31,9 @@ int multiCp(const QString &regName, const QString &format, int start, int copies
 // --- polling plan ---
 void addrMerge(QList<KEY_ADDRESS> &keys, int mergeMode);
 void groupingKey(KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &pieces, int withData);
+// The request of one piece: its station, register, address and count, with
+// the runtime's tag (data not copied).
+VARIABLE requestOf(const KEY_ADDRESS &piece, int tag);
 void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData);
 // Replaces an equal request (searched from the end down to index 1) or appends,
 // never holding more than 513 entries: a full list loses its last request,

@@ -197,12 +197,7 @@ static void queueWrite(const Register &reg, const KEY_ADDRESS &key, int tag)
     KEY_ADDRESS whole = key;
     groupingKey(whole, reg.dataBits == 1 ? driver.maxPacketBits : driver.maxPacketWords, pieces, 1);
     for (const KEY_ADDRESS &piece : pieces) {
-        VARIABLE request;
-        request.requestTag = tag;
-        request.stationNo = piece.stationNo;
-        request.regName = piece.regName;
-        request.address = piece.address;
-        request.count = piece.count;
+        VARIABLE request = requestOf(piece, tag);
         memcpy(request.data, piece.data, sizeof request.data);
         if (reg.dataBits != 1 && reg.unitBits > 0)
             request.count = int(qint64(request.count) * 16 / reg.unitBits);
