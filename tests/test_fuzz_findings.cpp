@@ -1,0 +1,62 @@
+// Inputs the fuzzers found to break the driver, replayed through the exported
+// calls. Each case failed (crash or sanitizer report) before its fix.
+#include "test_support.h"
+
+#include <climits>
+
+using namespace xbc_test;
+
+namespace {
+
+using FuzzFindings = DriverTest;
+
+// The data size of a write was counted in int: a count past 2^30 words
+// overflowed it, a positive one into a negative size that passed the
+// 1024-byte check and reached the copy into the request.
+TEST_F(FuzzFindings, WriteCountsWhoseByteSizeOverflowsAreRefusedOrDropped)
+{
+    struct Case {
+        const char *reg;
+        int count;
+    } cases[] = {
+        {"D_W", 0x60000000}, {"D_W", INT_MAX},      {"D_W", -1177972487},
+        {"D_W", INT_MIN},    {"M_bit", 0x60000000}, {"TX", INT_MIN},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.reg) + " count " + std::to_string(c.count));
+        reset("3#0#0#3#64");
+        unsigned char data[16] = {1, 2, 3, 4};
+        intf_setData(1, QString::fromLatin1(c.reg), 10, c.count, data, 0);
+        FRAME_PRO frame;
+        EXPECT_EQ(intf_getSendFrame(&frame), 0) << "no frame for a write that cannot be sent";
+        EXPECT_TRUE(driver.writeList.isEmpty());
+        EXPECT_EQ(word16(1, "D_W", 10), 0);
+    }
+}
+
+// A single-bit frame shifted by the bit number address % 16, negative for a
+// negative address; contact and word pieces counted their addresses up past
+// INT_MAX. Such writes have no frame: they are dropped and settled as failed.
+TEST_F(FuzzFindings, WritesOutsideTheAddressRangeBuildNoFrame)
+{
+    struct Case {
+        const char *reg;
+        int address;
+        int count;
+    } cases[] = {
+        {"M_bit", -8, 1},      {"TX", -11, 1},      {"M_bit", -5, 3},
+        {"TX", INT_MAX, 3},    {"CX", INT_MIN, 2},  {"D_W", INT_MAX - 10, 200},
+        {"M_bit", INT_MAX, 1}, {"D_W", INT_MIN, 2},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.reg) + " at " + std::to_string(c.address));
+        reset("3#0#0#3#64");
+        std::vector<unsigned char> data(size_t(2 * c.count), 1);
+        intf_setData(1, QString::fromLatin1(c.reg), c.address, c.count, data.data(), 0);
+        FRAME_PRO frame;
+        EXPECT_EQ(intf_getSendFrame(&frame), 0);
+        EXPECT_TRUE(driver.writeList.isEmpty());
+    }
+}
+
+} // namespace
