@@ -25,14 +25,14 @@ constexpr int FUZZ_COUNT_LIMIT = 1040;
 // COUNT_PICK_SMALL one below SMALL_COUNT_RANGE (past a frame's 127 words),
 // below COUNT_PICK_WORD a 16-bit one, else a 32-bit one.
 constexpr uint8_t REG_PICK_TABLE = 200;
-constexpr uint8_t COUNT_PICK_SHORT = 160;
-constexpr uint8_t COUNT_PICK_SMALL = 248;
-constexpr uint8_t COUNT_PICK_WORD = 252;
+constexpr uint8_t COUNT_PICK_SHORT = 200;
+constexpr uint8_t COUNT_PICK_SMALL = 250;
+constexpr uint8_t COUNT_PICK_WORD = 254;
 constexpr int SHORT_COUNT_RANGE = 20;
 constexpr int SMALL_COUNT_RANGE = 140;
 constexpr int MAX_NAME_BYTES = 8;
 // Keys of one merge in fuzz_setup: below this many.
-constexpr int SETUP_MAX_KEYS = 12;
+constexpr int SETUP_MAX_KEYS = 8;
 
 struct FuzzInput {
     const uint8_t *data;

@@ -6,7 +6,7 @@
 
 constexpr int MAX_PROPERTY_BYTES = 40;
 constexpr int ROUNDS = 2;
-constexpr int EXCHANGES_PER_ROUND = 3;
+constexpr int EXCHANGES_PER_ROUND = 2;
 constexpr int MAX_REPLY_LEN = 4096;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)

@@ -14,7 +14,7 @@ constexpr int MAX_KEYS = 6;
 constexpr int MAX_PATTERN_BYTES = 16;
 constexpr int MAX_RECIPE_VARS = 5;
 constexpr int MAX_RECIPE_COUNT = 70;
-constexpr int MAX_EXCHANGES = 24;
+constexpr int MAX_EXCHANGES = 16;
 constexpr int MAX_REPLY_BYTES = 0x3FF;
 // Values read back after each turn: a few, now and then many.
 constexpr uint8_t READ_PICK_MANY = 248;
