@@ -276,10 +276,12 @@ void report(const Options &o, Host &host, const Ledger &ledger, const Work &work
 {
     const Outcomes &w = ledger.outcomes;
     const xbchost::HostStats &s = host.stats;
-    say(QStringLiteral("writes %1: landed %2, failed and reported %3, lost %4")
+    say(QStringLiteral("writes %1: landed %2, failed and reported %3, replaced in the queue %4, "
+                       "lost %5")
             .arg(w.writes)
             .arg(w.held + w.acknowledged)
             .arg(w.fellBack + w.failed)
+            .arg(w.replacedInQueue)
             .arg(w.lost));
     say(QStringLiteral("  last writes of their place: held %1, fell back with a notification %2; "
                        "overwritten later: acknowledged %3, failed %4, replaced in the queue %5")
@@ -344,7 +346,7 @@ void finalChecks(Host &host, Ledger &ledger, Work &work, SimProcess &sim)
     checkFinalWrites(ledger, host, byKey);
     for (const QString &lost : ledger.outcomes.lostDetails)
         failCheck(QStringLiteral("lost: ") + lost);
-    const QString recipe = checkRecipeRoundTrip(work, host, sim);
+    const QString recipe = checkRecipeRoundTrip(host, sim);
     if (!recipe.isEmpty())
         failCheck(QStringLiteral("recipe round trip without faults: ") + recipe);
 }

@@ -145,7 +145,7 @@ bool dropLinkNow(Work &work, xbchost::Host &host, SimProcess &sim, const QString
                  QString *error);
 // Recipe round trip without faults: download, the simulator holds it, upload
 // gives it back. Empty text on success.
-QString checkRecipeRoundTrip(Work &work, xbchost::Host &host, SimProcess &sim);
+QString checkRecipeRoundTrip(xbchost::Host &host, SimProcess &sim);
 
 // Peak resident set of this process in KiB.
 long peakRssKib();
