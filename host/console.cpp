@@ -458,7 +458,7 @@ void settleWrites(Console &c)
             continue;
         }
         QJsonObject write;
-        if (record.pieces == 0)
+        if (record.localOnly)
             write = writeJson(
                 p.tag, p.text, QStringLiteral("local"),
                 QStringLiteral("kept in the driver's image only (local-write-only property)"));

@@ -1,8 +1,8 @@
 // The runtime's side of a communication run: setup, the value-change
 // callback, writes, condition reads, recipes and the send/receive loop.
-#include "xbc_host.h"
 #include "capture.h"
-#include "xbc_sim.h"
+#include "frame_text.h"
+#include "xbc_host.h"
 
 #include <QDateTime>
 #include <QEventLoop>
@@ -30,7 +30,6 @@ void printLine(Host &host, const QString &text)
         std::fflush(stdout);
     }
 }
-
 
 bool tracing(const Host &host)
 {
@@ -91,24 +90,35 @@ void onValueChange(int id, int station, const QString &name, int address)
         printLine(*host, formatNotification(*host, note));
 }
 
+// Results of intf_checkAddr.
+enum CheckResult {
+    CHECK_OK = 0,
+    CHECK_KIND = 1,
+    CHECK_RANGE = 2,
+    CHECK_UNKNOWN = 3,
+    CHECK_FORMAT = 4,
+    CHECK_DATA_TYPE = 5,
+    CHECK_READ_ONLY = 6,
+};
+
 QString checkCodeText(int code, const QString &reg, const QStringList &desc)
 {
     if (desc.isEmpty()) // the driver describes every register it knows
-        code = 3;
+        code = CHECK_UNKNOWN;
     switch (code) {
-    case 1:
+    case CHECK_KIND:
         return QStringLiteral("'%1' does not hold values of this kind").arg(reg);
-    case 2:
+    case CHECK_RANGE:
         return QStringLiteral("out of range: '%1' runs from %2 to %3")
             .arg(reg, desc.value(1), desc.value(2));
-    case 3:
+    case CHECK_UNKNOWN:
         return QStringLiteral("unknown register '%1'").arg(reg);
-    case 4:
+    case CHECK_FORMAT:
         return QStringLiteral("the address does not fit the format %1 of '%2'")
             .arg(desc.value(0), reg);
-    case 5:
+    case CHECK_DATA_TYPE:
         return QStringLiteral("'%1' does not take values of this data type").arg(reg);
-    case 6:
+    case CHECK_READ_ONLY:
         return QStringLiteral("'%1' is read-only").arg(reg);
     default:
         return QStringLiteral("address check failed with code %1").arg(code);
@@ -126,20 +136,11 @@ QString checkAddress(Host &host, const QString &reg, const QString &text, int co
     const int code = host.api.checkAddr(reg, text, &address,
                                         isBitRegister(host, reg) ? DATA_TYPE_BIT : DATA_TYPE_WORD,
                                         count, accessMode);
-    if (code == 0)
+    if (code == CHECK_OK)
         return QString();
     QList<QString> desc;
     host.api.getRegDiscription(reg, desc);
     return checkCodeText(code, reg, desc);
-}
-
-int piecesOf(const Host &host, const QString &regName, int count)
-{
-    const int limit = isBitRegister(host, regName) ? 8 * host.props.maxPacketLen
-                                                   : host.props.maxPacketLen;
-    if (limit <= 0 || count <= limit)
-        return 1;
-    return (count + limit - 1) / limit;
 }
 
 CaptureEnds captureEndsOf(const Host &host)
@@ -244,6 +245,13 @@ void countPollCycle(Host &host)
     host.cycleTimer.start();
 }
 
+// A read the host did not ask for: the driver's polling.
+bool isPollRead(const FRAME_PRO &f)
+{
+    const int tag = f.var.requestTag;
+    return f.wordCount > 0 && tag != CONDITION_TAG && tag < FIRST_WRITE_TAG;
+}
+
 WriteRecord *writeOf(Host &host, const FRAME_PRO &f)
 {
     auto it = host.writes.find(f.var.requestTag);
@@ -251,44 +259,92 @@ WriteRecord *writeOf(Host &host, const FRAME_PRO &f)
         return nullptr;
     WriteRecord &w = it.value();
     // Recipe frames may carry a stale tag; the address tells them apart.
-    if (f.var.regName != w.regName || f.var.stationNo != w.stationNo ||
-        f.var.address < w.address || f.var.address >= w.address + w.count)
+    if (f.var.regName != w.regName || f.var.stationNo != w.stationNo || f.var.address < w.address ||
+        f.var.address >= w.address + w.count)
         return nullptr;
     return &w;
+}
+
+// Tags of what the driver still holds: queued writes and the frames of the
+// request on the line (several for some writes).
+QSet<int> tagsLeftInDriver(Host &host)
+{
+    Protocol &d = *host.api.driver;
+    QSet<int> tags;
+    {
+        QMutexLocker locker(&d.dataMutex); // the screens may queue writes meanwhile
+        for (const VARIABLE &request : d.writeList)
+            tags.insert(request.requestTag);
+    }
+    for (const FRAME_PRO &frame : d.sendList)
+        tags.insert(frame.var.requestTag);
+    return tags;
+}
+
+// A write is done once nothing with its tag is left in the driver: its last
+// frame was answered or abandoned, or it never needed one.
+void settleWrites(Host &host)
+{
+    if (host.openWrites.isEmpty())
+        return;
+    const QSet<int> left = tagsLeftInDriver(host);
+    for (auto it = host.openWrites.begin(); it != host.openWrites.end();) {
+        if (left.contains(*it)) {
+            ++it;
+            continue;
+        }
+        host.writes[*it].done = true;
+        it = host.openWrites.erase(it);
+    }
 }
 
 void account(Host &host, const FRAME_PRO &f, int rc, int notesBefore)
 {
     const bool isWriteFrame = f.wordCount == 0 && f.frameLen > 0;
-    const bool isPollRead = f.wordCount > 0 && f.var.requestTag == POLL_TAG;
     WriteRecord *w = writeOf(host, f);
     switch (rc) {
-    case 1:
+    case DEAL_DONE:
         ++host.stats.goodReplies;
         if (w && isWriteFrame)
             ++w->acked;
-        if (isPollRead)
+        if (isPollRead(f))
             countPollCycle(host);
         break;
-    case 2:
+    case DEAL_ABANDONED:
         ++host.stats.abandoned;
         if (w) {
             ++w->failed;
             if (w->failNoteIndex < 0)
                 w->failNoteIndex = notesBefore;
         }
-        if (isPollRead)
+        if (isPollRead(f))
             countPollCycle(host);
         break;
-    case 8:
+    case DEAL_RETRY:
         ++host.stats.retries;
         break;
     default:
         break;
     }
+    settleWrites(host);
 }
 
-void waitIdle(int ms) { serveEventsFor(ms); }
+QString dealResultText(int rc)
+{
+    switch (rc) {
+    case DEAL_RETRY:
+        return QStringLiteral("bad reply, retry");
+    case DEAL_ABANDONED:
+        return QStringLiteral("request abandoned");
+    default:
+        return QStringLiteral("nothing in flight");
+    }
+}
+
+void waitIdle(int ms)
+{
+    serveEventsFor(ms);
+}
 
 } // namespace
 
@@ -333,11 +389,13 @@ QString parseWrite(Host &host, const QString &text, WriteItem &out)
     for (const QString &v : text.mid(eq + 1).split(QLatin1Char(','))) {
         bool ok = false;
         const int value = v.trimmed().toInt(&ok, 0);
-        const bool fits = w.isBit ? (value == 0 || value == 1) : (value >= -32768 && value <= 65535);
+        const bool fits =
+            w.isBit ? (value == 0 || value == 1) : (value >= -32768 && value <= 65535);
         if (!ok || !fits)
-            return QStringLiteral("'%1': '%2' is not a %3").arg(text, v,
-                       w.isBit ? QStringLiteral("bit value (0 or 1)")
-                               : QStringLiteral("16-bit value"));
+            return QStringLiteral("'%1': '%2' is not a %3")
+                .arg(text, v,
+                     w.isBit ? QStringLiteral("bit value (0 or 1)")
+                             : QStringLiteral("16-bit value"));
         w.values.append(value);
     }
     const QString error =
@@ -389,11 +447,13 @@ int queueWrite(Host &host, const QString &regName, int address, int count, const
     w.regName = regName;
     w.address = address;
     w.count = count;
-    w.pieces = host.props.localWriteOnly ? 0 : piecesOf(host, regName, count);
+    w.localOnly = host.props.localWriteOnly != 0;
     host.writes.insert(tag, w);
+    host.openWrites.insert(tag);
     QByteArray bytes = data;
     host.api.setData(host.config.stationNo, regName, address, count,
                      reinterpret_cast<unsigned char *>(bytes.data()), tag);
+    settleWrites(host); // a local write, or one the driver refused, is done at once
     return tag;
 }
 
@@ -439,7 +499,8 @@ QVector<int> shownValues(Host &host, const QString &regName, int address, int co
                      reinterpret_cast<unsigned char *>(out.data()));
     QVector<int> values;
     for (int i = 0; i < count; ++i)
-        values.append(bit ? quint8(out[i]) : int(quint8(out[2 * i]) | (quint8(out[2 * i + 1]) << 8)));
+        values.append(bit ? quint8(out[i])
+                          : int(quint8(out[2 * i]) | (quint8(out[2 * i + 1]) << 8)));
     return values;
 }
 
@@ -463,7 +524,7 @@ Step exchangeOnce(Host &host)
         waitIdle(host.config.pollIntervalMs);
         return Step::Idle;
     }
-    if (f.wordCount > 0 && f.var.requestTag == POLL_TAG && !host.cycleTimer.isValid())
+    if (isPollRead(f) && !host.cycleTimer.isValid())
         host.cycleTimer.start();
     QByteArray reply;
     const int frameLen = qBound(0, f.frameLen, int(FRAME_BYTES));
@@ -472,20 +533,17 @@ Step exchangeOnce(Host &host)
         const QByteArray bytes(reinterpret_cast<const char *>(f.frame), frameLen);
         sendBytes(host, device, bytes);
         ++host.stats.framesSent;
-        traceLine(host, QStringLiteral("->"), xbcsim::printable(bytes));
+        traceLine(host, QStringLiteral("->"), xbctrace::printable(bytes));
         reply = collectReply(host, device, f.replyLen);
         traceLine(host, QStringLiteral("<-"),
-                  reply.isEmpty() ? QStringLiteral("(nothing)") : xbcsim::printable(reply));
+                  reply.isEmpty() ? QStringLiteral("(nothing)") : xbctrace::printable(reply));
     }
     QString description;
     const int notesBefore = host.notes.size();
     const int rc = host.api.dealRcvFrame(reply, description);
-    if (tracing(host) && rc != 1)
-        traceLine(host, QStringLiteral("!!"), QStringLiteral("%1 %2")
-                                                  .arg(rc == 8 ? QStringLiteral("bad reply, retry")
-                                                               : rc == 2 ? QStringLiteral("request abandoned")
-                                                                         : QStringLiteral("nothing in flight"),
-                                                       description));
+    if (rc != DEAL_DONE)
+        traceLine(host, QStringLiteral("!!"),
+                  QStringLiteral("%1 %2").arg(dealResultText(rc), description));
     account(host, f, rc, notesBefore);
     return Step::Exchanged;
 }
@@ -510,12 +568,16 @@ QString formatNotification(const Host &host, const Notification &note)
     if (note.name.endsWith(QLatin1String("_bit")))
         where = QStringLiteral("%1.%2").arg(note.address / 16).arg(note.address % 16);
     const QString time = note.wallTime.toString(QStringLiteral("HH:mm:ss.zzz"));
-    const QString value = isBitRegister(host, note.name)
-                              ? QString::number(note.value)
-                              : QStringLiteral("%1 (0x%2)").arg(note.value).arg(
-                                    QStringLiteral("%1").arg(note.value, 4, 16, QLatin1Char('0')).toUpper());
+    const QString value =
+        isBitRegister(host, note.name)
+            ? QString::number(note.value)
+            : QStringLiteral("%1 (0x%2)")
+                  .arg(note.value)
+                  .arg(QStringLiteral("%1").arg(note.value, 4, 16, QLatin1Char('0')).toUpper());
     return QStringLiteral("%1  station %2  %3 %4 = %5")
-        .arg(time).arg(note.stationNo).arg(note.name, where, value);
+        .arg(time)
+        .arg(note.stationNo)
+        .arg(note.name, where, value);
 }
 
 QString summaryText(const Host &host)
@@ -528,7 +590,11 @@ QString summaryText(const Host &host)
                               : QStringLiteral("n/a (no complete cycle)");
     return QStringLiteral("summary: frames sent %1, good replies %2, retries %3, "
                           "abandoned requests %4, average poll cycle %5")
-        .arg(s.framesSent).arg(s.goodReplies).arg(s.retries).arg(s.abandoned).arg(cycle);
+        .arg(s.framesSent)
+        .arg(s.goodReplies)
+        .arg(s.retries)
+        .arg(s.abandoned)
+        .arg(cycle);
 }
 
 } // namespace xbchost

@@ -15,10 +15,11 @@
 #include <QMap>
 #include <QMutex>
 #include <QSerialPort>
-#include <QTime>
+#include <QSet>
 #include <QString>
 #include <QStringList>
 #include <QTcpSocket>
+#include <QTime>
 #include <QVector>
 
 #include <functional>
@@ -98,7 +99,7 @@ struct Link {
     LinkConfig config;
     std::unique_ptr<QTcpSocket> tcp;
     std::unique_ptr<QSerialPort> serial;
-    int backoffMs = 0;          // wait before the next attempt; 0: try at once
+    int backoffMs = 0; // wait before the next attempt; 0: try at once
     QElapsedTimer lastAttempt;
     int connects = 0;
     int failedAttempts = 0;
@@ -125,16 +126,24 @@ struct WriteItem {
     QVector<int> values; // consecutive values from address on
 };
 
+// One write as its frames show it. The driver cuts a write as it must (frame
+// limits, one frame per contact, a read before a write of some bits); every
+// frame carries the write's tag, so the host counts what comes and waits until
+// nothing with the tag is left in the driver.
 struct WriteRecord {
     int stationNo = 0;
     QString regName;
     int address = 0;
     int count = 0;
-    int pieces = 0;  // frames-level requests the driver makes of it
-    int acked = 0;
-    int failed = 0;
+    bool localOnly = false; // kept in the driver's image only (local-write-only property)
+    int acked = 0;          // write frames the PLC answered
+    int failed = 0;         // frames abandoned after their retries
     int failNoteIndex = -1; // notes from here on came with or after the failure
-    bool settled() const { return acked + failed >= pieces; }
+    bool done = false;      // nothing with its tag is queued or on the line any more
+    bool settled() const
+    {
+        return done;
+    }
 };
 
 struct Notification {
@@ -178,7 +187,13 @@ struct HostConfig {
 };
 
 enum { STATUS_BLOCK_BYTES = 64 * 1024, RECIPE_BUFFER_BYTES = 64 * 1024 };
-enum { POLL_TAG = 4, FIRST_WRITE_TAG = 1000, CONDITION_TAG = 77 };
+// The tags the host hands the driver: its condition reads carry one, each
+// write its own from FIRST_WRITE_TAG on. A read frame with any other tag is
+// the driver's own polling.
+enum { CONDITION_TAG = 77, FIRST_WRITE_TAG = 1000 };
+
+// Results of intf_dealRcvFrame.
+enum DealResult { DEAL_NOTHING = 0, DEAL_DONE = 1, DEAL_ABANDONED = 2, DEAL_RETRY = 8 };
 
 struct Host {
     DriverApi api;
@@ -201,10 +216,11 @@ struct Host {
     int pollReadsInCycle = 0;
     QList<Notification> notes;
     QMap<int, WriteRecord> writes;
+    QSet<int> openWrites; // tags of the writes not done yet
     int nextWriteTag = FIRST_WRITE_TAG;
     int conditionsDone = 0;
     int conditionsFailed = 0;
-    QList<int> uploadedWords; // "RWI" notifications, recipe buffer words
+    QList<int> uploadedWords;   // "RWI" notifications, recipe buffer words
     Capture *capture = nullptr; // not owned; null: no capture file
 };
 
@@ -223,8 +239,7 @@ void addWatch(Host &host, const WatchItem &watch);
 void startRun(Host &host);
 
 // Queues a write through intf_setData; returns the tag that tracks it.
-int queueWrite(Host &host, const QString &regName, int address, int count,
-               const QByteArray &data);
+int queueWrite(Host &host, const QString &regName, int address, int count, const QByteArray &data);
 int queueWriteItem(Host &host, const WriteItem &item);
 void queueConditionRead(Host &host, const QString &regName, int address, int count);
 // Sets the recipe download (60115) or upload (60116) byte under the lock.

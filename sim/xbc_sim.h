@@ -9,8 +9,6 @@
 #ifndef XBC_SIM_H
 #define XBC_SIM_H
 
-#include "frame_text.h"
-
 #include <QByteArray>
 #include <QList>
 #include <QMutex>
@@ -124,9 +122,6 @@ QByteArray nakReply(char command, int errorCode);
 
 // Applies one request to the memory and returns the reply bytes.
 QByteArray answerFrame(Memory &mem, const QByteArray &frame);
-
-// TEMPORARY until host/ uses the frame printer itself.
-using xbctrace::printable;
 
 // Cuts a byte stream into requests. Bytes before STX are dropped; a frame
 // longer than the largest request is dropped and reported as malformed.

@@ -3,6 +3,7 @@
 // the capture file holds, worked out independently (capture_oracle.h).
 #include "capture.h"
 #include "capture_oracle.h"
+#include "frame_text.h"
 #include "xbc_sim.h"
 
 #include <pcap/pcap.h>

@@ -238,6 +238,7 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
         {"M_bit", 44 * 16 + 0, {0, 1, 0, 1, 0, 1, 0, 1, 1, 1, 1, 1, 0, 0, 0, 0}}, // a whole word
         {"K_bit", 4095 * 16 + 15, {1}},
         {"TX", 9, {1}},
+        {"TX", 20, {1, 1, 0, 1}}, // one frame per contact
         {"CX", 3, {1}},
     };
     Rig rig;
@@ -273,11 +274,25 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
     QList<int> tags;
     for (const Case &c : cases)
         tags.append(queueValues(rig, QLatin1String(c.reg), c.address, c.values));
-    ASSERT_TRUE(runUntil(
-        rig, [&]() { return allSettled(rig, tags); }, 10000));
+    // The host calls a write done from its frames alone: by then the PLC holds
+    // all of it, however many frames the driver cut it into.
+    QVector<bool> seenDone(tags.size(), false);
+    const auto settledWritesHeld = [&]() {
+        for (int i = 0; i < tags.size(); ++i) {
+            if (seenDone[i] || !rig.host.writes[tags[i]].settled())
+                continue;
+            seenDone[i] = true;
+            const Case &c = cases[i];
+            for (int k = 0; k < c.values.size(); ++k)
+                EXPECT_EQ(simValue(rig.sim, QLatin1String(c.reg), c.address + k), c.values[k])
+                    << c.reg << " " << c.address + k << ": done before it landed";
+        }
+        return allSettled(rig, tags);
+    };
+    ASSERT_TRUE(runUntil(rig, settledWritesHeld, 10000));
     for (int i = 0; i < tags.size(); ++i) {
         const WriteRecord &w = rig.host.writes[tags[i]];
-        EXPECT_EQ(w.acked, w.pieces) << cases[i].reg << " " << cases[i].address;
+        EXPECT_GT(w.acked, 0) << cases[i].reg << " " << cases[i].address;
         EXPECT_EQ(w.failed, 0) << cases[i].reg << " " << cases[i].address;
     }
 
