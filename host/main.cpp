@@ -143,6 +143,14 @@ struct Options {
                        "when the console listens on an address other than loopback)."),
         QStringLiteral("TOKEN")};
 
+    // The description, --help and every option.
+    void addTo(QCommandLineParser &parser) const
+    {
+        parser.setApplicationDescription(QLatin1String(DESCRIPTION));
+        parser.addHelpOption();
+        parser.addOptions(all());
+    }
+
     QList<QCommandLineOption> all() const
     {
         return {tcp,   serial,   line,   watch,   write, props,
@@ -310,11 +318,9 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("xbc-host"));
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QLatin1String(DESCRIPTION));
-    parser.addHelpOption();
     const Options opt;
-    parser.addOptions(opt.all());
+    QCommandLineParser parser;
+    opt.addTo(parser);
     parser.process(app);
 
     RunPlan plan;

@@ -88,6 +88,14 @@ struct Options {
         QStringLiteral("SECONDS"), QStringLiteral("0")};
     QCommandLineOption control{QStringLiteral("control"), QLatin1String(CONTROL_HELP)};
 
+    // The description, --help and every option.
+    void addTo(QCommandLineParser &parser) const
+    {
+        parser.setApplicationDescription(QLatin1String(DESCRIPTION));
+        parser.addHelpOption();
+        parser.addOptions(all());
+    }
+
     QList<QCommandLineOption> all() const
     {
         return {port, noTcp, pty, set, counter, blink, period, faults, trace, duration, control};
@@ -236,11 +244,9 @@ int main(int argc, char **argv)
 {
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("xbc-plc-sim"));
-    QCommandLineParser parser;
-    parser.setApplicationDescription(QLatin1String(DESCRIPTION));
-    parser.addHelpOption();
     const Options opt;
-    parser.addOptions(opt.all());
+    QCommandLineParser parser;
+    opt.addTo(parser);
     parser.process(app);
 
     xbcsim::Simulator sim;
