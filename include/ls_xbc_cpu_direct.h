@@ -25,7 +25,8 @@
 //   five numbers as they were (0 after load).
 // - A bit byte other than 0 sets the bit, in the image as in every frame
 //   (single-bit, read-modify-write, recipe: the low byte of the buffer word);
-//   contacts then show 1.
+//   contacts then show 1. A recipe variable of a bit register takes one buffer
+//   word per bit both ways: an upload writes 0 or 1 into each word.
 // - A record shows its written value while a write request for it (a word
 //   write, or a write of any of its bits) is left on the write list; once none
 //   is, it shows the PLC's value, and a failed write is taken back with a

@@ -75,10 +75,10 @@ int getReadFrame(QList<VARIABLE> vars);
 // the request cannot be put into a frame).
 int getWriteFrame(VARIABLE &request);
 // Fills the word write of a several-bit write from the reply to its read: the
-// words read with the request's bits merged in (one data byte per bit every
-// `stride` bytes; any non-zero byte sets). False when the frames do not match.
+// words read with the request's bits merged in (one data byte per bit; any
+// non-zero byte sets). False when the frames do not match.
 bool completeReadModifyWrite(FRAME_PRO &write, const QByteArray &reply, int words, int start,
-                             const VARIABLE &request, int stride);
+                             const VARIABLE &request);
 
 // --- reply check ---
 enum ReplyCheck { REPLY_BAD = 0, REPLY_READ_DATA = 1, REPLY_WRITE_ACK = 2 };

@@ -63,18 +63,37 @@ static void decodeContacts(const QByteArray &reply, int count, int start, const 
 }
 
 // The read half of a several-bit write completes the write frame that follows.
-// A recipe block holds one 16-bit buffer word per bit (its low byte says on or
-// off, as for a single bit); a write from the screens one byte per bit.
 static void completeBitWrite(const QByteArray &reply, int count, int start, const VARIABLE &var)
 {
     if (driver.sendList.size() < 2)
         return;
-    const int stride = driver.sendState == SEND_RECIPE_WRITE ? 2 : 1;
-    completeReadModifyWrite(driver.sendList[1], reply, count, start, var, stride);
+    completeReadModifyWrite(driver.sendList[1], reply, count, start, var);
 }
 
 // Copies the words of an uploaded recipe block into the runtime's buffer, each
 // variable at its own buffer position.
+// The bytes of one recipe unit in this frame's reply, false when another frame
+// carries it. A bit register's unit is one bit, given as a whole buffer word
+// holding 0 or 1, as its download takes it; a word register's unit is a word.
+static bool recipeUnit(const QByteArray &reply, int count, int start, const VARIABLE &var,
+                       qint64 unit, unsigned char bytes[2])
+{
+    if (registerOf(var.regName).wireBits()) {
+        const qint64 bit = unit - qint64(var.address / WIRE_WORD_BITS) * WIRE_WORD_BITS;
+        if (var.address < 0 || bit < 0 || bit >= qint64(count) * WIRE_WORD_BITS)
+            return false;
+        bytes[0] = (asc2hex(reply, start + 2 * int(bit / 8)) >> (bit % 8)) & 1;
+        bytes[1] = 0;
+        return true;
+    }
+    const qint64 rel = unit - var.address; // a block read as several frames
+    if (rel < 0 || rel >= count)
+        return false;
+    bytes[0] = asc2hex(reply, start + int(rel) * 4);
+    bytes[1] = asc2hex(reply, start + int(rel) * 4 + 2);
+    return true;
+}
+
 static void fillRecipeBuffer(const QByteArray &reply, int count, int start, const VARIABLE &var)
 {
     const int block = driver.rcpIndex;
@@ -86,15 +105,12 @@ static void fillRecipeBuffer(const QByteArray &reply, int count, int start, cons
     for (int v = qMax(first, 0); v < end && v < driver.rcpVarList.size(); ++v) {
         const _RCP_VAR_PRO &r = driver.rcpVarList.at(v);
         for (int j = 0; j < r.count; ++j) {
-            // Word position inside this frame's reply; a block read as several
-            // frames fills each variable from the frame that carries it.
-            const qint64 rel = qint64(r.address) + j - var.address;
             const qint64 word = qint64(r.bufferIndex) + j;
-            if (rel < 0 || rel >= count || word < 0)
+            unsigned char bytes[2];
+            if (word < 0 || !recipeUnit(reply, count, start, var, qint64(r.address) + j, bytes))
                 continue;
-            const int p = start + int(rel) * 4;
-            driver.rcpBuffer[word * 2] = asc2hex(reply, p);
-            driver.rcpBuffer[word * 2 + 1] = asc2hex(reply, p + 2);
+            driver.rcpBuffer[word * 2] = bytes[0];
+            driver.rcpBuffer[word * 2 + 1] = bytes[1];
             notifyHost(0, -1, QString::fromLatin1("RWI"), int(word));
         }
     }

@@ -13,7 +13,6 @@ template <class From, class To> static void copyRecipeRun(const From &from, To &
     to.bufferIndex = from.bufferIndex;
 }
 
-
 int intf_setRcpAddress(QVector<_RCP_VAR_PRO> *vars)
 {
     DriverCall call;
@@ -61,6 +60,14 @@ void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData)
     const Register *reg = tableRegister(block.regName);
     if (!withData || reg == nullptr || driver.rcpBuffer == nullptr || block.bufferIndex < 0)
         return;
+    // The buffer holds one 16-bit word per bit of a bit register; the request
+    // one byte per bit, as a write from the screens: the word's low byte.
+    if (reg->wireBits()) {
+        const unsigned char *words = driver.rcpBuffer + 2 * qint64(block.bufferIndex);
+        for (int i = 0; i < block.count && i < DATA_BYTES; ++i)
+            var.data[i] = words[2 * i];
+        return;
+    }
     const int unitBytes = reg->unitBits / 8;
     const qint64 bytes = qMin(qint64(block.count) * unitBytes, qint64(DATA_BYTES));
     if (bytes > 0)

@@ -167,6 +167,42 @@ TEST_F(CycleTest, RecipeDownloadAndUploadRoundTrip)
     EXPECT_EQ(word16(1, "D_W", 40), 0x0718); // the image gets the words too
 }
 
+// A bit register's recipe variable takes one buffer word per bit both ways:
+// what a download wrote comes back from an upload as 0 or 1 per word.
+TEST_F(CycleTest, BitRecipesRoundTripOneWordPerBit)
+{
+    struct Case {
+        const char *vars;
+        std::vector<quint16> words;
+        int area, firstBit;
+    } cases[] = {
+        {"L_bit 16 5", {0, 1, 0, 0x0101, 1}, xbcsim::AREA_L, 16}, // read-modify-write
+        {"M_bit 30 4", {1, 0, 1, 1}, AREA_M, 30},                 // over a word edge
+        {"L_bit 20 1", {1}, xbcsim::AREA_L, 20},                  // one bit frame
+        {"TX 5 3", {1, 0, 7}, AREA_TX, 5},                        // one frame per contact
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.vars);
+        reset("3#0#0#3#64");
+        recipeVars(c.vars);
+        for (size_t i = 0; i < c.words.size(); ++i)
+            putRecipeWord(int(i), c.words[i]);
+        status[STATUS_RECIPE_WRITE] = 1;
+        plc.pump(20);
+        EXPECT_EQ(status[STATUS_RECIPE_WRITE], 0);
+        for (size_t i = 0; i < c.words.size(); ++i)
+            EXPECT_EQ(plc.bit(c.area, c.firstBit + int(i)), (c.words[i] & 0xFF) != 0) << i;
+
+        std::fill(recipe.begin(), recipe.end(), 0xEE);
+        status[STATUS_RECIPE_READ] = 1;
+        plc.pump(20);
+        EXPECT_EQ(status[STATUS_RECIPE_READ], 0);
+        for (size_t i = 0; i < c.words.size(); ++i)
+            EXPECT_EQ(recipeWord(int(i)), (c.words[i] & 0xFF) != 0 ? 1 : 0) << i;
+        EXPECT_EQ(recipeWord(int(c.words.size())), 0xEEEE) << "written past the variable";
+    }
+}
+
 TEST_F(CycleTest, BitRecipeUploadLandsInItsWord)
 {
     recipeVars("M_bit 35 1");
