@@ -166,6 +166,9 @@ inline void fuzzReleaseDriver()
     intf_setRcpAddress(&none);
     int initStatus = 1;
     intf_initProperty(fuzzStatusBlock(), 0, nullptr, &initStatus, "", nullptr);
+    // Area numbers outlive a reset and grow with every new name an input
+    // invents: each input starts from a fresh driver, so a finding replays alone.
+    driverPrivate.dataAreaIndex.areaNumbers.clear();
 }
 
 #endif

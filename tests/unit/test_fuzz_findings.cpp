@@ -59,4 +59,28 @@ TEST_F(FuzzFindings, WritesOutsideTheAddressRangeBuildNoFrame)
     }
 }
 
+// A watched block longer than one frame counted the address of each further
+// frame up past INT_MAX. It wraps now, as the record addresses do.
+TEST_F(FuzzFindings, ReadBlocksNearTheEndOfTheAddressRangeAreCutWithoutOverflow)
+{
+    struct Case {
+        const char *reg;
+        int address;
+        int count;
+    } cases[] = {{"D_W", INT_MAX, 200}, {"D_W", INT_MAX - 130, 400}, {"M_bit", INT_MAX - 40, 3000}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.reg) + " at " + std::to_string(c.address));
+        reset("3#0#0#3#0");
+        QList<KEY_ADDRESS> keys{key(1, QString::fromLatin1(c.reg), c.address, c.count)};
+        intf_addrMerge(&keys);
+        for (int n = 0; n < 4; ++n) {
+            FRAME_PRO frame;
+            ASSERT_EQ(intf_getSendFrame(&frame), 1);
+            QByteArray r = readReply(std::vector<quint16>(size_t(frame.wordCount), 0x1234));
+            QString errorText;
+            intf_dealRcvFrame(r, errorText);
+        }
+    }
+}
+
 } // namespace
