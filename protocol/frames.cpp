@@ -212,7 +212,7 @@ static int queueReadModifyWrite(const VARIABLE &request)
 }
 
 bool completeReadModifyWrite(FRAME_PRO &write, const QByteArray &reply, int words, int start,
-                             const VARIABLE &request, int stride)
+                             const VARIABLE &request)
 {
     if (words < 1 || request.address < 0 || write.wordCount != 0 ||
         wordWriteLength(words) != write.frameLen)
@@ -221,12 +221,12 @@ bool completeReadModifyWrite(FRAME_PRO &write, const QByteArray &reply, int word
     for (int j = 0; j < words; ++j)
         merged[j] =
             quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
-    for (int i = 0; i < request.count && stride * i < DATA_BYTES; ++i) {
+    for (int i = 0; i < request.count && i < DATA_BYTES; ++i) {
         const int b = request.address % WIRE_WORD_BITS + i;
         if (b / WIRE_WORD_BITS >= words)
             break;
         const quint16 mask = quint16(1u << (b % WIRE_WORD_BITS));
-        merged[b / WIRE_WORD_BITS] = request.data[stride * i] != 0
+        merged[b / WIRE_WORD_BITS] = request.data[i] != 0
                                          ? quint16(merged[b / WIRE_WORD_BITS] | mask)
                                          : quint16(merged[b / WIRE_WORD_BITS] & ~mask);
     }
