@@ -128,10 +128,12 @@ int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &
     return appendRecord(stationNo, name, address, list);
 }
 
+// A new run numbers its areas afresh: no lookup of the old run is under way.
 void clearDataAreas()
 {
     driver.dataAreas.clear();
-    clearIndex();
+    driverPrivate.dataAreaIndex = DataAreaIndex();
+    driverPrivate.dataAreaRuns.clear();
 }
 
 QVector<int> dataAreaRun(int stationNo, const QString &name, int first, int count)
