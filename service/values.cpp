@@ -189,6 +189,50 @@ void write_saveDataToArea(int stationNo, QString regName, int start, int count, 
 static void settleWrite(int stationNo, const QString &regName, int start, int count, bool ok,
                         int listFrom);
 
+// The records of the image a write request touches: its area and record run.
+struct RecordRun {
+    int stationNo;
+    QString area;
+    qint64 first, end;
+};
+
+static RecordRun recordRunOf(const VARIABLE &v)
+{
+    const Register reg = registerOf(v.regName);
+    RecordRun run{v.stationNo, reg.area, v.address, qint64(v.address) + qMax(v.count, 0)};
+    if (reg.kind == MAP_BIT_IN_WORD) {
+        const UnitRun words = unitRunOfBits(v.address, qMax(v.count, 0), reg.unitBits);
+        run.first = words.address;
+        run.end = qint64(words.address) + words.count;
+    }
+    return run;
+}
+
+static bool overlaps(const RecordRun &a, const RecordRun &b)
+{
+    return a.stationNo == b.stationNo && a.area == b.area && a.first < b.end && b.first < a.end;
+}
+
+// An equal request queued ahead of another write to the same records is not
+// overwritten in place: sent first, it would be undone by that later write,
+// and the newest value would not be the one the PLC keeps. It leaves its place
+// and the new request goes to the end of the list instead.
+static void unqueueEqualAheadOfOverlap(const VARIABLE &request)
+{
+    const RecordRun run = recordRunOf(request);
+    for (int i = driver.writeList.size() - 1; i >= 1; --i) {
+        if (!sameRequest(driver.writeList.at(i), request))
+            continue;
+        for (int j = i + 1; j < driver.writeList.size(); ++j) {
+            if (overlaps(run, recordRunOf(driver.writeList.at(j)))) {
+                driver.writeList.removeAt(i);
+                return;
+            }
+        }
+        return;
+    }
+}
+
 // Queues the pieces of one write; a piece that a full list loses is settled
 // as failed, so the screens fall back to the PLC's value instead of keeping it.
 static void queueWrite(const Register &reg, const KEY_ADDRESS &key, int tag)
@@ -205,6 +249,7 @@ static void queueWrite(const Register &reg, const KEY_ADDRESS &key, int tag)
         bool lost = false;
         {
             QMutexLocker lock(&driver.dataMutex);
+            unqueueEqualAheadOfOverlap(request);
             lost = queueRequest(driver.writeList, request, &displaced);
         }
         if (lost)
@@ -254,12 +299,14 @@ static void settleWord(const AreaRecords &area, int address, bool success,
     }
     if (wordWritesLeft(left, address) || bitWritesLeft(left, address) != 0)
         return;
+    const bool wasShowing = r.writePending;
     r.writePending = false;
-    if (success)
-        return;
     int written = uchar2int16(r.writtenValue[0], r.writtenValue[1]);
     int image = uchar2int16(r.value[0], r.value[1]);
-    _wordDataChange(&written, &image, index, 0);
+    // A failure is always told; a success only when what lands differs from
+    // what was shown (a later write to some of its bits went first).
+    if (!success || (wasShowing && written != image))
+        _wordDataChange(&written, &image, index, 0);
 }
 
 static void settleByte(const AreaRecords &area, int address, bool success)

@@ -247,6 +247,7 @@ TEST_F(ValuesTest, BitWritesNeverStayShownAfterTheyFailed)
         const char *what;
         std::vector<std::string> steps;
         int notedAfterLastFailure; // a watched bit, or -1
+        int lastBit165 = -1;       // what the controller keeps at M_bit 165, or -1
     } cases[] = {
         // clang-format off
         {"overwrite after the first result", {"b165=1", "w5", "b165=0", "ack", "b165=1", "acks", "b166=1", "fail"}, 166},
@@ -259,6 +260,8 @@ TEST_F(ValuesTest, BitWritesNeverStayShownAfterTheyFailed)
         {"two bits, both fail", {"b165=1", "b166=1", "fail", "fail"}, 166},
         {"failure in the middle", {"b165=1", "b166=1", "b165=0", "ack", "fail", "acks"}, -1},
         {"several bits at once", {"b164..167=1", "b165=0", "fail", "acks"}, -1},
+        {"overwrite behind a word write to its word", {"w5", "b165=1", "m10=1056", "b165=0", "acks"}, -1, 0},
+        {"word write behind a bit write's overwrite", {"w5", "m10=1024", "b165=1", "m10=1056", "b165=0", "acks"}, -1, 0},
         // clang-format on
     };
     for (const Case &c : cases) {
@@ -277,8 +280,8 @@ TEST_F(ValuesTest, BitWritesNeverStayShownAfterTheyFailed)
                     EXPECT_EQ(plc.exchange(), 1);
             } else if (step == "w5") {
                 setData(1, "D_W", 5, words({5}), 1);
-            } else if (step == "m10=1024") {
-                setData(1, "M_W", 10, words({1024}), 1);
+            } else if (step == "m10=1024" || step == "m10=1056") {
+                setData(1, "M_W", 10, words({quint16(std::stoi(step.substr(4)))}), 1);
             } else if (step == "b164..167=1") {
                 setData(1, "M_bit", 164, {1, 1, 1, 1}, 4);
             } else {
@@ -290,6 +293,9 @@ TEST_F(ValuesTest, BitWritesNeverStayShownAfterTheyFailed)
         ASSERT_TRUE(driver.writeList.isEmpty());
         if (c.notedAfterLastFailure >= 0) {
             EXPECT_TRUE(noted("M_bit", c.notedAfterLastFailure, lastFailure));
+        }
+        if (c.lastBit165 >= 0) {
+            EXPECT_EQ(plc.bit(AREA_M, 165), c.lastBit165) << "the last write lost";
         }
         for (int round = 0; round < 2; ++round) { // before and after polling again
             SCOPED_TRACE(round == 0 ? "at once" : "after polling");
