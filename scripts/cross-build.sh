@@ -136,6 +136,10 @@ cmake -S . -B "$BUILD_DIR" -DCMAKE_TOOLCHAIN_FILE="$ROOT/cmake/toolchain-linux-c
 cmake --build "$BUILD_DIR" -j"$JOBS"
 
 step "test suite under qemu-user"
+# Tests that start the programs themselves run them through XBC_EMULATOR
+# (empty on a native build): no binfmt registration is needed on the host.
+QEMU="qemu-$( [ "$ARCH" = arm64 ] && echo aarch64 || echo arm)"
+export XBC_EMULATOR="$QEMU -L $SYSROOT"
 # Emulated code runs several times slower, and the machine may be busy: a
 # test that times a reconnect pause gets a second try.
 ctest --test-dir "$BUILD_DIR" --output-on-failure --timeout 300 -j"$JOBS" --repeat until-pass:2
