@@ -96,12 +96,6 @@ Register registerOf(const QString &regName)
     return known != nullptr ? *known : modelOf(regName);
 }
 
-const QString &regColumn(const QString &regName, int column)
-{
-    const int index = getIndexFromRegName(regName);
-    return ADDRESS_RANGE_PRO[index < 0 ? REG_FALLBACK_ROW : index][column];
-}
-
 UnitRun unitRunOfBits(int first, int count, int unitBits)
 {
     if (unitBits < 1)

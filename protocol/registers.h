@@ -49,7 +49,6 @@ Register registerOf(const QString &regName);
 const Register *tableRegister(const QString &regName);
 // Position in REG_LIST, -1 for a name not in it.
 int getIndexFromRegName(const QString &regName);
-const QString &regColumn(const QString &regName, int column);
 
 // The run of units of `unitBits` bits that holds `count` bits from bit `first`.
 struct UnitRun {
