@@ -1,14 +1,9 @@
 // The PLC simulator on its own: frame parsing, replies, checksums, error
-// replies, stream splitting, fault injection and its two servers.
-#include "event_wait.h"
+// replies, stream splitting and fault injection. Its two servers are exercised
+// by the end-to-end tests over both wires.
 #include "xbc_sim.h"
 
-#include <QTcpSocket>
-
 #include <gtest/gtest.h>
-
-#include <fcntl.h>
-#include <unistd.h>
 
 using namespace xbcsim;
 
@@ -218,63 +213,4 @@ TEST(SimMemory, ParsesLocationsAndRunsLiveChanges)
     stepLive(mem, live);
     EXPECT_EQ(wordAt(mem, AREA_D, 7), 2);
     EXPECT_EQ(wordAt(mem, AREA_M, 35), 0);
-}
-
-TEST(SimServer, AnswersOverTcpLoopback)
-{
-    Simulator sim;
-    QString error;
-    const int port = startTcp(sim, 0, &error);
-    ASSERT_GT(port, 0) << error.toStdString();
-    writeWord(sim, AREA_D, 100, 0x1234);
-
-    QTcpSocket client;
-    client.connectToHost(QStringLiteral("127.0.0.1"), quint16(port));
-    ASSERT_TRUE(
-        waitUntil([&]() { return client.state() == QAbstractSocket::ConnectedState; }, 3000));
-    QByteArray got;
-    // Sent in two pieces: the server must join them.
-    const QByteArray req = request("raC8000002");
-    client.write(req.left(4));
-    client.flush();
-    waitUntil([]() { return false; }, 20);
-    client.write(req.mid(4) + request("wa0A00000278560"));
-    ASSERT_TRUE(waitUntil(
-        [&]() {
-            got += client.readAll();
-            return got.count('\x04') >= 2;
-        },
-        3000));
-    EXPECT_EQ(got, ackReply('r', "3412") + nakReply('w', ERR_COUNT));
-    EXPECT_EQ(statsOf(sim).requests, 2);
-    EXPECT_EQ(statsOf(sim).naks, 1);
-}
-
-TEST(SimServer, AnswersOverAPseudoTerminal)
-{
-    Simulator sim;
-    QString error;
-    const QString path = startPty(sim, &error);
-    ASSERT_FALSE(path.isEmpty()) << error.toStdString();
-    writeBit(sim, AREA_TX, 35, true);
-
-    const int fd = ::open(path.toLocal8Bit().constData(), O_RDWR | O_NOCTTY | O_NONBLOCK);
-    ASSERT_GE(fd, 0);
-    const QByteArray req = request("rl04000002") + request("oi0400000100");
-    ASSERT_EQ(::write(fd, req.constData(), size_t(req.size())), req.size());
-    QByteArray got;
-    const bool done = waitUntil(
-        [&]() {
-            char buf[256];
-            const ssize_t n = ::read(fd, buf, sizeof buf);
-            if (n > 0)
-                got.append(buf, int(n));
-            return got.count('\x04') >= 2;
-        },
-        3000);
-    ::close(fd);
-    ASSERT_TRUE(done) << got.toStdString();
-    // Raw mode: the bytes come back exactly, no echo, no CR/LF translation.
-    EXPECT_EQ(got, ackReply('r', "0800") + ackReply('o', QByteArray()));
-    EXPECT_EQ(readWord(sim, AREA_M, 2), 0x0001);
 }
