@@ -217,26 +217,12 @@ QStringList dissectorErrorFields()
 
 QStringList comparedFields()
 {
-    const QStringList fields{QStringLiteral("xbc.direction"),
-                             QStringLiteral("xbc.command"),
-                             QStringLiteral("xbc.area"),
-                             QStringLiteral("xbc.address"),
-                             QStringLiteral("xbc.word"),
-                             QStringLiteral("xbc.count"),
-                             QStringLiteral("xbc.data"),
-                             QStringLiteral("xbc.mask"),
-                             QStringLiteral("xbc.bit"),
-                             QStringLiteral("xbc.checksum"),
-                             QStringLiteral("xbc.checksum.status"),
-                             QStringLiteral("xbc.checksum.wrong"),
-                             QStringLiteral("xbc.reply"),
-                             QStringLiteral("xbc.error"),
-                             QStringLiteral("xbc.response_to"),
-                             QStringLiteral("xbc.response_time"),
-                             QStringLiteral("xbc.timeout"),
-                             QStringLiteral("xbc.length_mismatch"),
-                             QStringLiteral("xbc.incomplete")};
-    return fields + dissectorErrorFields();
+    return QStringLiteral("xbc.direction xbc.command xbc.area xbc.address xbc.word xbc.count"
+                          " xbc.data xbc.mask xbc.bit xbc.checksum xbc.checksum.status"
+                          " xbc.checksum.wrong xbc.reply xbc.error xbc.response_to"
+                          " xbc.response_time xbc.timeout xbc.length_mismatch xbc.incomplete")
+               .split(QLatin1Char(' ')) +
+           dissectorErrorFields();
 }
 
 QVector<Fields> parseTsharkFields(const QString &output, const QStringList &fields)
