@@ -214,16 +214,6 @@ TEST_F(CycleTest, BitRecipeUploadLandsInItsWord)
     EXPECT_EQ(findArea(1, "M", 35), nullptr);
 }
 
-TEST_F(CycleTest, ConditionReadReportsItsEndOnce)
-{
-    plc.set(AREA_D, 130, 5);
-    intf_addConditionRead(key(1, "D_W", 0, 150), 7);
-    EXPECT_EQ(plc.pump(10), (std::vector<int>{1, 1, 1}));
-    EXPECT_EQ(notes, (std::vector<Note>{{-1, -1, "-1", 0}}));
-    EXPECT_EQ(word16(1, "D_W", 130), 5);
-    EXPECT_TRUE(driver.conditionReadList.isEmpty());
-}
-
 TEST_F(CycleTest, BitConditionReadNotifiesWatchedBits)
 {
     watch("M_bit 36 1");
@@ -289,15 +279,6 @@ TEST_F(CycleTest, BadRepliesAreRetriedThenAbandoned)
         }
         EXPECT_EQ(codes, r.codes);
     }
-}
-
-TEST_F(CycleTest, AbandonedConditionReadIsReportedAsFailed)
-{
-    intf_addConditionRead(key(1, "D_W", 0, 10), 7);
-    plc.linkDown = true;
-    EXPECT_EQ(plc.pump(5), (std::vector<int>{8, 8, 2}));
-    EXPECT_EQ(notes, (std::vector<Note>{{-1, -1, "-1", -1}}));
-    EXPECT_TRUE(driver.conditionReadList.isEmpty());
 }
 
 } // namespace

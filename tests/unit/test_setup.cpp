@@ -178,24 +178,4 @@ TEST(AddressCheck, MultiCopy)
     EXPECT_EQ(addr_int2str(-17, "M_bit"), QString("-1.-1")); // truncating division
 }
 
-// Notations no register uses today, reached only through the helpers.
-TEST(AddressText, OtherNotations)
-{
-    struct Case {
-        const char *text, *format;
-        int result, value;
-    } cases[] = {
-        {"1F", "HHHH", 1, 31}, {"1f", "H", 1, 31},    {"17", "OOOO", 1, 15}, {"19", "OOOO", -1, 0},
-        {"42", "", 1, 42},     {"42", "XXXX", 1, 42}, {"1F", "D", -1, 0},
-    };
-    for (const Case &c : cases) {
-        int value = KEEP;
-        EXPECT_EQ(a2i(c.text, value, c.format, "D_W"), c.result) << c.text << " " << c.format;
-        EXPECT_EQ(value, c.value) << c.text << " " << c.format;
-    }
-    EXPECT_EQ(formatPlainAddress("HHHH", 255), QString("ff"));
-    EXPECT_EQ(formatPlainAddress("OOOO", 8), QString("10"));
-    EXPECT_TRUE(formatPlainAddress("XXXX", 5).isEmpty());
-}
-
 } // namespace

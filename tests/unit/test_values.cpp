@@ -223,19 +223,6 @@ TEST_F(ValuesTest, BitWritesCountOutstandingRequests)
     EXPECT_EQ(d.pendingBitWrites, 0u);
     EXPECT_EQ(d.value[0] | (d.value[1] << 8), 0xAB00);
     EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "M_bit", 165}}));
-
-    // Bits 3 and 4 of one word: the record waits for both results.
-    setData(1, "M_bit", 3, {1}, 1);
-    setData(1, "M_bit", 4, {1}, 1);
-    const int j = getIndexOfDataArea(1, "M", 0, driver.dataAreas);
-    EXPECT_EQ(driver.dataAreas[j].pendingBitWrites, (1u << 6) | (1u << 8));
-    EXPECT_EQ(plc.exchange(), 1);
-    EXPECT_EQ(driver.dataAreas[j].pendingBitWrites, 1u << 8);
-    EXPECT_TRUE(driver.dataAreas[j].writePending);
-    plc.linkDown = true; // the second fails: its image bit stays 0
-    EXPECT_EQ(plc.pump(3), (std::vector<int>{8, 8, 2}));
-    EXPECT_FALSE(driver.dataAreas[j].writePending);
-    EXPECT_EQ(getData(1, "M_bit", 3, 2, 1), (std::vector<unsigned char>{1, 0}));
 }
 
 // Writes to the bits of one word, interleaved with word writes, overwrites of
@@ -335,43 +322,6 @@ TEST_F(ValuesTest, AnyNonZeroBitByteSets)
         plc.drain();
         EXPECT_EQ(plc.bit(c.area, c.wireBit), 1);
         EXPECT_EQ(getData(1, c.reg, c.address, count, 1), shown);
-    }
-}
-
-TEST_F(ValuesTest, WriteResultsForEachRegisterKind)
-{
-    struct Case {
-        const char *reg;
-        int address;
-        const char *watched;
-        std::vector<unsigned char> data;
-        int success;
-        std::vector<Note> notes;
-    } cases[] = {
-        // clang-format off
-        {"D_W", 5, "D_W 5 1", {7, 0}, 1, {}},
-        {"D_W", 5, "D_W 5 1", {7, 0}, 0, {{3, 1, "D_W", 5}}},
-        {"TX", 3, "", {1}, 1, {}},
-        {"TX", 3, "", {1}, 0, {{3, 1, "TX", 3}}},  // contacts notify without flags
-        {"M_bit", 165, "M_bit 165 1", {1}, 1, {{3, 1, "M_bit", 165}}},
-        {"M_bit", 165, "M_bit 165 1", {1}, 0, {{3, 1, "M_bit", 165}}},
-        // clang-format on
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.reg << (c.success ? " acknowledged" : " failed"));
-        reset("3#0#0#3#64");
-        watch(c.watched);
-        setData(1, c.reg, c.address, c.data, 1);
-        notes.clear();
-        _write_FailOrSuc(1, c.reg, c.address, 1, c.success);
-        deliverPendingNotes();
-        EXPECT_EQ(notes, c.notes);
-        std::vector<unsigned char> shown = c.data;
-        if (!c.success)
-            std::fill(shown.begin(), shown.end(), 0);
-        EXPECT_EQ(getData(1, c.reg, c.address, 1, int(c.data.size())), shown);
-        for (const _DATA_ &d : driver.dataAreas)
-            EXPECT_FALSE(d.writePending);
     }
 }
 
