@@ -15,7 +15,7 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
+#include <algorithm>
 
 using namespace capturetest;
 
@@ -160,12 +160,9 @@ int framesSentOf(const QString &hostOutput)
     return m.hasMatch() ? m.captured(1).toInt() : -1;
 }
 
-int countWhere(const QVector<Record> &records, const std::function<bool(const Record &)> &pred)
+template <typename Pred> int countWhere(const QVector<Record> &records, Pred pred)
 {
-    int n = 0;
-    for (const Record &r : records)
-        n += pred(r) ? 1 : 0;
-    return n;
+    return int(std::count_if(records.begin(), records.end(), pred));
 }
 
 bool isSent(const Record &r)
@@ -212,11 +209,8 @@ bool checksumWrong(const Record &r)
 
 QByteArray withChecksum(char start, const QByteArray &body, char end)
 {
-    QByteArray frame(1, start);
-    frame += body;
-    frame += xbcsim::hexPair(xbcsim::byteSum(frame, 1, frame.size()));
-    frame += end;
-    return frame;
+    const QByteArray frame = start + body;
+    return frame + xbcsim::hexPair(xbcsim::byteSum(frame, 1, frame.size())) + end;
 }
 
 QByteArray request(const QByteArray &body)
