@@ -48,25 +48,11 @@ int timedDealRcvFrame(QByteArray &reply, QString &errorText)
 // calls of the loop go through the timing wrappers.
 void bindDriver(xbchost::DriverApi &api)
 {
-    api.getProtocolType = &intf_getProtocolType;
-    api.getVersion = &intf_getVersion;
-    api.getDriverParameter = &intf_getDriverParameter;
-    api.getDriverPropertyPage = &intf_getDriverPropertyPage;
-    api.setDriverPropertyPage = &intf_SetDriverPropertyPage;
-    api.setAddrValueChangeCallBack = &intf_setAddrValueChangeCallBack;
-    api.getRegListByType = &intf_getRegListByType;
-    api.getRegDiscription = &intf_getRegDiscription;
-    api.initProperty = &intf_initProperty;
-    api.checkAddrValidity = &intf_checkAddrValidity;
-    api.checkAddr = &intf_checkAddr;
-    api.multiCopy = &intf_multiCopy;
-    api.addrMerge = &intf_addrMerge;
-    api.setRcpAddress = &intf_setRcpAddress;
-    api.addConditionRead = &intf_addConditionRead;
+#define XBC_BIND(name) api.name = &intf_##name;
+    XBC_FOR_EACH_EXPORTED_FUNCTION(XBC_BIND)
+#undef XBC_BIND
     api.getSendFrame = &timedGetSendFrame;
     api.dealRcvFrame = &timedDealRcvFrame;
-    api.getData = &intf_getData;
-    api.setData = &intf_setData;
     api.driver = &driver;
 }
 

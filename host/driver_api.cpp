@@ -28,28 +28,12 @@ bool loadDriver(DriverApi &api, const QString &path, QString *error)
     }
     QLibrary &lib = *api.library;
     QStringList missing;
-    resolve(lib, "intf_getProtocolType", api.getProtocolType, missing);
-    resolve(lib, "intf_getVersion", api.getVersion, missing);
-    resolve(lib, "intf_getDriverParameter", api.getDriverParameter, missing);
-    resolve(lib, "intf_getDriverPropertyPage", api.getDriverPropertyPage, missing);
-    resolve(lib, "intf_SetDriverPropertyPage", api.setDriverPropertyPage, missing);
-    resolve(lib, "intf_setAddrValueChangeCallBack", api.setAddrValueChangeCallBack, missing);
-    resolve(lib, "intf_getRegListByType", api.getRegListByType, missing);
-    resolve(lib, "intf_getRegDiscription", api.getRegDiscription, missing);
-    resolve(lib, "intf_initProperty", api.initProperty, missing);
-    resolve(lib, "intf_checkAddrValidity", api.checkAddrValidity, missing);
-    resolve(lib, "intf_checkAddr", api.checkAddr, missing);
-    resolve(lib, "intf_multiCopy", api.multiCopy, missing);
-    resolve(lib, "intf_addrMerge", api.addrMerge, missing);
-    resolve(lib, "intf_setRcpAddress", api.setRcpAddress, missing);
-    resolve(lib, "intf_addConditionRead", api.addConditionRead, missing);
-    resolve(lib, "intf_getSendFrame", api.getSendFrame, missing);
-    resolve(lib, "intf_dealRcvFrame", api.dealRcvFrame, missing);
-    resolve(lib, "intf_getData", api.getData, missing);
-    resolve(lib, "intf_setData", api.setData, missing);
-    api.driver = reinterpret_cast<Protocol *>(lib.resolve("driver"));
+#define XBC_RESOLVE(name) resolve(lib, "intf_" #name, api.name, missing);
+    XBC_FOR_EACH_EXPORTED_FUNCTION(XBC_RESOLVE)
+#undef XBC_RESOLVE
+    api.driver = reinterpret_cast<Protocol *>(lib.resolve(XBC_EXPORTED_OBJECT));
     if (!api.driver)
-        missing << QStringLiteral("driver");
+        missing << QLatin1String(XBC_EXPORTED_OBJECT);
     if (!missing.isEmpty()) {
         if (error)
             *error = QStringLiteral("driver library '%1' lacks %2: %3")
@@ -63,17 +47,11 @@ bool loadDriver(DriverApi &api, const QString &path, QString *error)
     return true;
 }
 
-Properties parseProperties(const QString &text)
+PropertyNumbers parseProperties(const QString &text)
 {
-    Properties p;
-    const QStringList parts = text.split(QLatin1Char('#'));
-    if (parts.size() < 5)
-        return p;
-    p.driverId = parts[0].toInt();
-    p.localWriteOnly = parts[1].toInt();
-    p.retryTimes = parts[3].toInt();
-    p.maxPacketLen = parts[4].toInt();
-    return p;
+    PropertyNumbers numbers;
+    parsePropertyString(text, numbers);
+    return numbers;
 }
 
 } // namespace xbchost

@@ -90,35 +90,24 @@ void onValueChange(int id, int station, const QString &name, int address)
         printLine(*host, formatNotification(*host, note));
 }
 
-// Results of intf_checkAddr.
-enum CheckResult {
-    CHECK_OK = 0,
-    CHECK_KIND = 1,
-    CHECK_RANGE = 2,
-    CHECK_UNKNOWN = 3,
-    CHECK_FORMAT = 4,
-    CHECK_DATA_TYPE = 5,
-    CHECK_READ_ONLY = 6,
-};
-
 QString checkCodeText(int code, const QString &reg, const QStringList &desc)
 {
     if (desc.isEmpty()) // the driver describes every register it knows
-        code = CHECK_UNKNOWN;
+        code = ADDR_UNKNOWN_REG;
     switch (code) {
-    case CHECK_KIND:
+    case ADDR_WRONG_KIND:
         return QStringLiteral("'%1' does not hold values of this kind").arg(reg);
-    case CHECK_RANGE:
+    case ADDR_OUT_OF_RANGE:
         return QStringLiteral("out of range: '%1' runs from %2 to %3")
             .arg(reg, desc.value(1), desc.value(2));
-    case CHECK_UNKNOWN:
+    case ADDR_UNKNOWN_REG:
         return QStringLiteral("unknown register '%1'").arg(reg);
-    case CHECK_FORMAT:
+    case ADDR_BAD_FORMAT:
         return QStringLiteral("the address does not fit the format %1 of '%2'")
             .arg(desc.value(0), reg);
-    case CHECK_DATA_TYPE:
+    case ADDR_WRONG_TYPE:
         return QStringLiteral("'%1' does not take values of this data type").arg(reg);
-    case CHECK_READ_ONLY:
+    case ADDR_READ_ONLY:
         return QStringLiteral("'%1' is read-only").arg(reg);
     default:
         return QStringLiteral("address check failed with code %1").arg(code);
@@ -136,7 +125,7 @@ QString checkAddress(Host &host, const QString &reg, const QString &text, int co
     const int code = host.api.checkAddr(reg, text, &address,
                                         isBitRegister(host, reg) ? DATA_TYPE_BIT : DATA_TYPE_WORD,
                                         count, accessMode);
-    if (code == CHECK_OK)
+    if (code == ADDR_VALID)
         return QString();
     QList<QString> desc;
     host.api.getRegDiscription(reg, desc);
@@ -303,14 +292,14 @@ void account(Host &host, const FRAME_PRO &f, int rc, int notesBefore)
     const bool isWriteFrame = f.wordCount == 0 && f.frameLen > 0;
     WriteRecord *w = writeOf(host, f);
     switch (rc) {
-    case DEAL_DONE:
+    case RECEIVE_DONE:
         ++host.stats.goodReplies;
         if (w && isWriteFrame)
             ++w->acked;
         if (isPollRead(f))
             countPollCycle(host);
         break;
-    case DEAL_ABANDONED:
+    case RECEIVE_ABANDONED:
         ++host.stats.abandoned;
         if (w) {
             ++w->failed;
@@ -320,7 +309,7 @@ void account(Host &host, const FRAME_PRO &f, int rc, int notesBefore)
         if (isPollRead(f))
             countPollCycle(host);
         break;
-    case DEAL_RETRY:
+    case RECEIVE_RETRY:
         ++host.stats.retries;
         break;
     default:
@@ -332,9 +321,9 @@ void account(Host &host, const FRAME_PRO &f, int rc, int notesBefore)
 QString dealResultText(int rc)
 {
     switch (rc) {
-    case DEAL_RETRY:
+    case RECEIVE_RETRY:
         return QStringLiteral("bad reply, retry");
-    case DEAL_ABANDONED:
+    case RECEIVE_ABANDONED:
         return QStringLiteral("request abandoned");
     default:
         return QStringLiteral("nothing in flight");
@@ -541,7 +530,7 @@ Step exchangeOnce(Host &host)
     QString description;
     const int notesBefore = host.notes.size();
     const int rc = host.api.dealRcvFrame(reply, description);
-    if (rc != DEAL_DONE)
+    if (rc != RECEIVE_DONE)
         traceLine(host, QStringLiteral("!!"),
                   QStringLiteral("%1 %2").arg(dealResultText(rc), description));
     account(host, f, rc, notesBefore);

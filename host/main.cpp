@@ -28,7 +28,6 @@ enum { PANEL_CYCLE_MS = 50 };
 enum { FIRST_CYCLE_WAIT_MS = 2000 };
 // "Until interrupted": longer than any run, short of overflowing a timer.
 constexpr int UNTIL_STOPPED_MS = 1000000000;
-constexpr int PROPERTY_FIELDS = 5;
 
 volatile std::sig_atomic_t stopRequested = 0;
 
@@ -217,7 +216,8 @@ QString checkOptions(const QCommandLineParser &parser, const Options &opt, RunPl
     plan.totalMs = seconds > 0 && !untilStopped
                        ? int(qMin(seconds * 1000.0, double(UNTIL_STOPPED_MS)))
                        : UNTIL_STOPPED_MS;
-    if (parser.value(opt.props).split(QLatin1Char('#')).size() < PROPERTY_FIELDS)
+    PropertyNumbers numbers;
+    if (parsePropertyString(parser.value(opt.props), numbers) != PROPERTIES_OK)
         return QStringLiteral("--props '%1': expected five numbers separated by '#'")
             .arg(parser.value(opt.props));
     return QString();

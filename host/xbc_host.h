@@ -34,25 +34,9 @@ struct Capture; // capture.h
 
 struct DriverApi {
     std::unique_ptr<QLibrary> library;
-    decltype(&::intf_getProtocolType) getProtocolType = nullptr;
-    decltype(&::intf_getVersion) getVersion = nullptr;
-    decltype(&::intf_getDriverParameter) getDriverParameter = nullptr;
-    decltype(&::intf_getDriverPropertyPage) getDriverPropertyPage = nullptr;
-    decltype(&::intf_SetDriverPropertyPage) setDriverPropertyPage = nullptr;
-    decltype(&::intf_setAddrValueChangeCallBack) setAddrValueChangeCallBack = nullptr;
-    decltype(&::intf_getRegListByType) getRegListByType = nullptr;
-    decltype(&::intf_getRegDiscription) getRegDiscription = nullptr;
-    decltype(&::intf_initProperty) initProperty = nullptr;
-    decltype(&::intf_checkAddrValidity) checkAddrValidity = nullptr;
-    decltype(&::intf_checkAddr) checkAddr = nullptr;
-    decltype(&::intf_multiCopy) multiCopy = nullptr;
-    decltype(&::intf_addrMerge) addrMerge = nullptr;
-    decltype(&::intf_setRcpAddress) setRcpAddress = nullptr;
-    decltype(&::intf_addConditionRead) addConditionRead = nullptr;
-    decltype(&::intf_getSendFrame) getSendFrame = nullptr;
-    decltype(&::intf_dealRcvFrame) dealRcvFrame = nullptr;
-    decltype(&::intf_getData) getData = nullptr;
-    decltype(&::intf_setData) setData = nullptr;
+#define XBC_API_MEMBER(name) decltype(&::intf_##name) name = nullptr;
+    XBC_FOR_EACH_EXPORTED_FUNCTION(XBC_API_MEMBER)
+#undef XBC_API_MEMBER
     Protocol *driver = nullptr;
 };
 
@@ -61,15 +45,9 @@ struct DriverApi {
 bool loadDriver(DriverApi &api, const QString &path, QString *error);
 
 // ---------------------------------------------------------------------------
-// Property string "driverId#localWriteOnly#spare#retryTimes#maxPacketLen".
-
-struct Properties {
-    int driverId = 0;
-    int localWriteOnly = 0;
-    int retryTimes = 0;
-    int maxPacketLen = 0;
-};
-Properties parseProperties(const QString &text);
+// The property string, read as the driver reads it (PropertyNumbers of the
+// driver's header): numbers that do not parse are 0.
+PropertyNumbers parseProperties(const QString &text);
 
 // ---------------------------------------------------------------------------
 // Links.
@@ -192,13 +170,10 @@ enum { STATUS_BLOCK_BYTES = 64 * 1024, RECIPE_BUFFER_BYTES = 64 * 1024 };
 // the driver's own polling.
 enum { CONDITION_TAG = 77, FIRST_WRITE_TAG = 1000 };
 
-// Results of intf_dealRcvFrame.
-enum DealResult { DEAL_NOTHING = 0, DEAL_DONE = 1, DEAL_ABANDONED = 2, DEAL_RETRY = 8 };
-
 struct Host {
     DriverApi api;
     HostConfig config;
-    Properties props;
+    PropertyNumbers props;
     Link link;
     QVector<unsigned char> statusBlock = QVector<unsigned char>(STATUS_BLOCK_BYTES, 0);
     QVector<unsigned char> recipeBuffer = QVector<unsigned char>(RECIPE_BUFFER_BYTES, 0);

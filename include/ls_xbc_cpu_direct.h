@@ -47,6 +47,7 @@
 #include <QList>
 #include <QMutex>
 #include <QString>
+#include <QStringList>
 #include <QVector>
 
 #define XBC_EXPORT extern "C" __attribute__((visibility("default")))
@@ -64,7 +65,8 @@ inline const QString PROCOTOL_VERSION = QString::fromLatin1("2.0.0.0");
 inline const QString PROCOTOL_PAR_HMI_SET_MODE = QString::fromLatin1("0_0");
 
 constexpr int REG_COUNT = 18;
-constexpr int REG_FALLBACK_ROW = 18;
+// The row of ADDRESS_RANGE_PRO that unknown register names use.
+constexpr int REG_FALLBACK_ROW = REG_COUNT;
 
 inline const QString REG_LIST[REG_COUNT] = {
     QString::fromLatin1("P_W"),   QString::fromLatin1("M_W"),   QString::fromLatin1("L_W"),
@@ -101,6 +103,13 @@ inline const QString ADDRESS_RANGE_PRO[REG_COUNT + 1][6] = {
 
 inline const QString ADDRESS_RW_COMMAND[REG_COUNT] = {"h", "i", "j", "k", "n", "a", "o", "b", "c",
                                                       "p", "s", "h", "i", "j", "k", "n", "l", "m"};
+
+// One row per register in every table, and the fallback row last.
+static_assert(sizeof(REG_LIST) / sizeof(REG_LIST[0]) == REG_COUNT, "REG_LIST: one name a register");
+static_assert(sizeof(ADDRESS_RANGE_PRO) / sizeof(ADDRESS_RANGE_PRO[0]) == REG_FALLBACK_ROW + 1,
+              "ADDRESS_RANGE_PRO: one row a register and the fallback row");
+static_assert(sizeof(ADDRESS_RW_COMMAND) / sizeof(ADDRESS_RW_COMMAND[0]) == REG_COUNT,
+              "ADDRESS_RW_COMMAND: one letter a register");
 
 // Offsets of the recipe request bytes in the runtime's status block.
 constexpr int STATUS_RECIPE_WRITE = 60115;
@@ -219,6 +228,65 @@ class Protocol {
 XBC_EXPORT Protocol driver;
 
 // ---------------------------------------------------------------------------
+// Result codes. Their values are part of the interface.
+
+// Results of intf_dealRcvFrame.
+enum ReceiveResult {
+    RECEIVE_NO_FRAME = 0,  // nothing was in flight; the reply is ignored
+    RECEIVE_DONE = 1,      // a good reply retired the frame
+    RECEIVE_ABANDONED = 2, // the tries are used up: the frame and its request are dropped
+    RECEIVE_RETRY = 8,     // a bad or missing reply: the same frame goes again
+};
+
+// Results of intf_checkAddrValidity (0 to 4) and intf_checkAddr (0 to 6).
+enum AddressCheck {
+    ADDR_VALID = 0,        // the numeric address has been stored
+    ADDR_WRONG_KIND = 1,   // a bit register asked for as a word, or a word register as a bit
+    ADDR_OUT_OF_RANGE = 2, // below the minimum, or the run passes the maximum
+    ADDR_UNKNOWN_REG = 3,  // the name is not in REG_LIST
+    ADDR_BAD_FORMAT = 4,   // the text does not parse in the register's format
+    ADDR_WRONG_TYPE = 5,   // a data type a 32-bit register does not take
+    ADDR_READ_ONLY = 6,    // a write asked of a read-only register
+};
+
+// ---------------------------------------------------------------------------
+// The property string of intf_initProperty:
+// "driverId#localWriteOnly#spare#retryTimes#maxPacketLen".
+
+struct PropertyNumbers {
+    int driverId = 0;
+    int localWriteOnly = 0;
+    int spare = 0;
+    int retryTimes = 0; // tries per frame before its request is abandoned
+    int maxPacketLen = 0;
+};
+enum PropertyParse {
+    PROPERTIES_SHORT = 0,     // fewer than five parts: nothing taken
+    PROPERTIES_MALFORMED = 1, // not exactly five whole numbers (a part that is none reads as 0)
+    PROPERTIES_OK = 2,        // five whole numbers
+};
+// Reads the five numbers into out unless the text is short. The driver takes
+// them whenever there are five parts; a tool that checks what a user typed
+// wants PROPERTIES_OK.
+inline PropertyParse parsePropertyString(const QString &text, PropertyNumbers &out)
+{
+    const QStringList parts = text.split(QLatin1Char('#'));
+    constexpr int FIELDS = 5;
+    if (parts.size() < FIELDS)
+        return PROPERTIES_SHORT;
+    bool ok[FIELDS] = {};
+    out.driverId = parts.at(0).toInt(&ok[0]);
+    out.localWriteOnly = parts.at(1).toInt(&ok[1]);
+    out.spare = parts.at(2).toInt(&ok[2]);
+    out.retryTimes = parts.at(3).toInt(&ok[3]);
+    out.maxPacketLen = parts.at(4).toInt(&ok[4]);
+    for (bool fine : ok)
+        if (!fine)
+            return PROPERTIES_MALFORMED;
+    return parts.size() == FIELDS ? PROPERTIES_OK : PROPERTIES_MALFORMED;
+}
+
+// ---------------------------------------------------------------------------
 // Exported functions.
 
 XBC_EXPORT void intf_getProtocolType(int &type);
@@ -251,5 +319,30 @@ XBC_EXPORT int intf_getData(int stationNo, QString regName, int start, int count
                             unsigned char *out);
 XBC_EXPORT int intf_setData(int stationNo, QString regName, int start, int count,
                             unsigned char *data, int tag);
+
+// Every exported function, by its name after "intf_", in the order above. A
+// runtime that resolves the driver by name walks this list, and so does the
+// check of the library's exports; the object is XBC_EXPORTED_OBJECT.
+#define XBC_FOR_EACH_EXPORTED_FUNCTION(X)                                                          \
+    X(getProtocolType)                                                                             \
+    X(getVersion)                                                                                  \
+    X(getDriverParameter)                                                                          \
+    X(getDriverPropertyPage)                                                                       \
+    X(SetDriverPropertyPage)                                                                       \
+    X(setAddrValueChangeCallBack)                                                                  \
+    X(getRegListByType)                                                                            \
+    X(getRegDiscription)                                                                           \
+    X(initProperty)                                                                                \
+    X(checkAddrValidity)                                                                           \
+    X(checkAddr)                                                                                   \
+    X(multiCopy)                                                                                   \
+    X(addrMerge)                                                                                   \
+    X(setRcpAddress)                                                                               \
+    X(addConditionRead)                                                                            \
+    X(getSendFrame)                                                                                \
+    X(dealRcvFrame)                                                                                \
+    X(getData)                                                                                     \
+    X(setData)
+#define XBC_EXPORTED_OBJECT "driver"
 
 #endif

@@ -30,30 +30,30 @@ static int checkAddress(const QString &regName, const QString &addrText, int *ad
         const Register &reg = *tableRegister(regName);
         const bool bitRegister = reg.dataBits == 1;
         if (bitRegister != req.askedAsBit)
-            return 1;
+            return ADDR_WRONG_KIND;
         if (req.checkAccess && row[COL_ACCESS] == QLatin1String("R") &&
             (req.accessMode == 1 || req.accessMode == 2))
-            return 6;
+            return ADDR_READ_ONLY;
         if (req.checkDataType && reg.dataBits == 32 && !dataTypeFitsDoubleWord(req.dataType))
-            return 5;
+            return ADDR_WRONG_TYPE;
         const int parsed = a2i(addrText, value, row[COL_FORMAT], regName);
         if (address != nullptr)
             *address = value;
         if (parsed == -1)
-            return 4;
+            return ADDR_BAD_FORMAT;
         a2i(row[COL_MAX], maximum, row[COL_FORMAT], regName);
         a2i(row[COL_MIN], minimum, row[COL_FORMAT], regName);
         unit = req.askedAsBit ? 16 : reg.unitBits;
     }
     if (value < minimum)
-        return 2;
+        return ADDR_OUT_OF_RANGE;
     if (double(count) / (unit * 0.0625) + value > double(maximum) + 1)
-        return 2;
+        return ADDR_OUT_OF_RANGE;
     if (index < 0)
-        return 3;
+        return ADDR_UNKNOWN_REG;
     if (address != nullptr)
         *address = addrOffset(regName, value);
-    return 0;
+    return ADDR_VALID;
 }
 
 int intf_checkAddrValidity(const QString &regName, const QString &addrText, int *address, int count,

@@ -82,18 +82,18 @@ int intf_getRegDiscription(const QString &regName, QList<QString> &items)
     return 0;
 }
 
-// Five numbers separated by "#"; with fewer parts the numbers stay as they were.
+// With fewer than five parts the numbers stay as they were.
 static void takePropertyNumbers(const char *properties)
 {
-    const QStringList parts =
-        QString::fromLatin1(properties ? properties : "").split(QLatin1Char('#'));
-    if (parts.size() < 5)
+    PropertyNumbers numbers;
+    if (parsePropertyString(QString::fromLatin1(properties ? properties : ""), numbers) ==
+        PROPERTIES_SHORT)
         return;
-    driver.driverId = parts.at(0).toInt();
-    driver.localWriteOnly = parts.at(1).toInt();
-    driver.spareParam = parts.at(2).toInt();
-    driver.retryTimes = parts.at(3).toInt();
-    driver.maxPacketLen = parts.at(4).toInt();
+    driver.driverId = numbers.driverId;
+    driver.localWriteOnly = numbers.localWriteOnly;
+    driver.spareParam = numbers.spare;
+    driver.retryTimes = numbers.retryTimes;
+    driver.maxPacketLen = numbers.maxPacketLen;
 }
 
 void resetRun()

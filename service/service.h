@@ -58,13 +58,6 @@ constexpr int POLLING_TAG = 4;
 // frame of the kind goes out while `burstCount` is at most this.
 constexpr int WRITE_BURST_LIMIT = 9;
 constexpr int CONDITION_READ_BURST_LIMIT = 2;
-// Results of intf_dealRcvFrame.
-enum ReceiveResult {
-    RECEIVE_NO_FRAME = 0,  // nothing was in flight
-    RECEIVE_DONE = 1,      // a good reply retired the frame
-    RECEIVE_ABANDONED = 2, // the tries are used up: the frame and its request are dropped
-    RECEIVE_RETRY = 8,     // a bad or missing reply: the same frame goes again
-};
 void dealListWhenFinish();
 QString getErrorInfo(QByteArray reply);
 int dealReadFrameReturnSaveData(QByteArray reply);

@@ -16,26 +16,10 @@ namespace {
 
 const char *const kLibrary = XBC_LIBRARY_PATH;
 
-const std::set<std::string> kExports = {"driver",
-                                        "intf_getProtocolType",
-                                        "intf_getVersion",
-                                        "intf_getDriverParameter",
-                                        "intf_getDriverPropertyPage",
-                                        "intf_SetDriverPropertyPage",
-                                        "intf_setAddrValueChangeCallBack",
-                                        "intf_getRegListByType",
-                                        "intf_getRegDiscription",
-                                        "intf_initProperty",
-                                        "intf_checkAddrValidity",
-                                        "intf_checkAddr",
-                                        "intf_multiCopy",
-                                        "intf_addrMerge",
-                                        "intf_setRcpAddress",
-                                        "intf_addConditionRead",
-                                        "intf_getSendFrame",
-                                        "intf_dealRcvFrame",
-                                        "intf_getData",
-                                        "intf_setData"};
+#define XBC_EXPORT_NAME(name) "intf_" #name,
+const std::set<std::string> kExports = {XBC_EXPORTED_OBJECT,
+                                        XBC_FOR_EACH_EXPORTED_FUNCTION(XBC_EXPORT_NAME)};
+#undef XBC_EXPORT_NAME
 
 // Symbols the linker and the C runtime put into every shared object.
 const std::set<std::string> kLinkerSymbols = {"_init",
