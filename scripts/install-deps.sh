@@ -1,25 +1,43 @@
 #!/usr/bin/env bash
 # Installs the Debian packages this project needs, only those that are missing.
 # Safe to run again: with everything present it does nothing (and needs no root).
+#
+#   install-deps.sh demo   what the demo builds and runs: compiler, CMake, Qt
+#                          Core, Network and SerialPort, libpcap, cpp-httplib
+#   install-deps.sh        the demo's packages and everything the tests need
 set -euo pipefail
 
-# Build, test and tool packages. clang and llvm are for fuzzing, clang-format
-# checks the layout; the Qt 6 ones for the second build; dpkg-dev, fakeroot,
-# file and lintian for the Debian packages; the cross compilers and qemu-user
-# for the arm64 and armhf builds.
-PACKAGES="cmake g++ make pkg-config binutils qtbase5-dev libqt5serialport5-dev \
-libgtest-dev libgmock-dev libbenchmark-dev clang clang-format llvm libclang-rt-14-dev \
-qt6-base-dev qt6-serialport-dev dpkg-dev fakeroot file lintian \
-g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user"
-# libpcap for xbc-host --capture; tshark runs the dissector over the captures
-# in the tests (non-interactive: it is not set up to capture as a non-root user).
-PACKAGES="$PACKAGES libpcap-dev tshark"
-# cpp-httplib for xbc-host --http; chromium runs the console's browser test,
-# driven from Node (npm installs playwright-core, which downloads no browser).
-# A node that came from elsewhere with its own npm is left alone.
-PACKAGES="$PACKAGES libcpp-httplib-dev chromium"
-command -v node > /dev/null || PACKAGES="$PACKAGES nodejs"
-command -v npm > /dev/null || PACKAGES="$PACKAGES npm"
+# The demo: the driver, xbc-plc-sim and xbc-host (libpcap for --capture,
+# cpp-httplib for --http).
+DEMO_PACKAGES="cmake g++ make pkg-config qtbase5-dev libqt5serialport5-dev \
+libpcap-dev libcpp-httplib-dev"
+
+# The tests. GoogleTest and Google Benchmark; clang and llvm for fuzzing,
+# clang-format checks the layout; the Qt 6 ones for the second build; dpkg-dev,
+# fakeroot, file and lintian for the Debian packages; the cross compilers and
+# qemu-user for the arm64 and armhf builds; doxygen builds the reference,
+# help2man the manual pages; libmodbus for the benchmark against another
+# library's frame code.
+TEST_PACKAGES="binutils libgtest-dev libgmock-dev libbenchmark-dev clang clang-format llvm \
+libclang-rt-14-dev qt6-base-dev qt6-serialport-dev dpkg-dev fakeroot file lintian \
+g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user doxygen help2man libmodbus-dev"
+# tshark runs the dissector over the captures in the tests (non-interactive:
+# it is not set up to capture as a non-root user). chromium runs the console's
+# browser test, driven from Node (npm installs playwright-core, which
+# downloads no browser). A node that came from elsewhere with its own npm is
+# left alone.
+TEST_PACKAGES="$TEST_PACKAGES tshark chromium"
+command -v node > /dev/null || TEST_PACKAGES="$TEST_PACKAGES nodejs"
+command -v npm > /dev/null || TEST_PACKAGES="$TEST_PACKAGES npm"
+
+case "${1:-all}" in
+    demo) PACKAGES="$DEMO_PACKAGES" ;;
+    all) PACKAGES="$DEMO_PACKAGES $TEST_PACKAGES" ;;
+    *)
+        echo "install-deps: unknown set '$1' (demo, or nothing for everything)" >&2
+        exit 2
+        ;;
+esac
 
 missing=()
 for pkg in $PACKAGES; do
