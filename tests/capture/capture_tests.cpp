@@ -4,6 +4,7 @@
 #include "capture.h"
 #include "capture_oracle.h"
 #include "frame_text.h"
+#include "sim_process.h"
 #include "xbc_sim.h"
 
 #include <pcap/pcap.h>
@@ -18,6 +19,7 @@
 #include <algorithm>
 
 using namespace capturetest;
+using namespace xbctest;
 
 namespace {
 
@@ -35,29 +37,15 @@ QStringList words(const char *s)
     return QString::fromLatin1(s).split(QLatin1Char(' '), Qt::SkipEmptyParts);
 }
 
-// Starts the simulator and returns what follows `prefix` on the line it
-// prints when ready ("tcp 127.0.0.1:" gives the port, "pty " the path).
-QString startSimulator(QProcess &sim, const QStringList &args, const QString &prefix)
+// The simulator as its own process; empty error text once it listens.
+QString startSimulator(SimProcess &sim, const char *args, bool pty)
 {
-    sim.start(QStringLiteral(XBC_SIM_PATH), args);
-    if (!sim.waitForStarted(START_TIMEOUT_MS))
-        return QString();
-    QString seen;
-    while (sim.waitForReadyRead(START_TIMEOUT_MS)) {
-        seen += processOutput(sim);
-        for (const QString &line : seen.split(QLatin1Char('\n')))
-            if (line.startsWith(prefix) && seen.contains(QLatin1Char('\n')))
-                return line.mid(prefix.size()).trimmed();
-    }
-    return QString();
-}
-
-void stopSimulator(QProcess &sim)
-{
-    sim.terminate();
-    if (!sim.waitForFinished(START_TIMEOUT_MS))
-        sim.kill();
-    sim.waitForFinished(START_TIMEOUT_MS);
+    sim.program = QStringLiteral(XBC_SIM_PATH);
+    sim.args = words(args);
+    sim.pty = pty;
+    QString error;
+    startSim(sim, &error);
+    return error;
 }
 
 struct ProgramRun {
@@ -180,19 +168,20 @@ bool isTimeout(const Record &r)
 QVector<Record> captureOverTcp(const QString &pcap, const char *simArgs, const char *hostArgs,
                                quint16 *simPort = nullptr)
 {
-    QProcess sim;
-    const QString port = startSimulator(sim, words(simArgs), QStringLiteral("tcp 127.0.0.1:"));
-    EXPECT_FALSE(port.isEmpty()) << "the simulator did not start";
-    if (port.isEmpty())
+    SimProcess sim;
+    const QString error = startSimulator(sim, simArgs, false);
+    EXPECT_TRUE(error.isEmpty()) << error.toStdString();
+    if (!error.isEmpty())
         return {};
     if (simPort)
-        *simPort = quint16(port.toUInt());
+        *simPort = sim.port;
+    const QString port = QString::number(sim.port);
     const ProgramRun host =
         runProgram(QStringLiteral(XBC_HOST_PATH),
                    QStringList{QStringLiteral("--tcp"), QStringLiteral("127.0.0.1:") + port,
                                QStringLiteral("--capture"), pcap} +
                        words(hostArgs));
-    stopSimulator(sim);
+    stopSim(sim);
     EXPECT_EQ(host.exitCode, 0) << host.out.toStdString() << host.err.toStdString();
     const QVector<Record> records = expectDecodedAsOracle(pcap);
     EXPECT_EQ(countWhere(records, isSent), framesSentOf(host.out)) << host.out.toStdString();
@@ -277,16 +266,16 @@ TEST(Capture, FaultyRepliesAreFlagged)
 TEST(Capture, SerialRunOverPseudoTerminal)
 {
     QTemporaryDir dir;
-    QProcess sim;
-    const QString pty =
-        startSimulator(sim, words("--pty --no-tcp --set D_W:0=77"), QStringLiteral("pty "));
-    ASSERT_FALSE(pty.isEmpty()) << "the simulator did not start";
+    SimProcess sim;
+    const QString error = startSimulator(sim, "--set D_W:0=77", true);
+    ASSERT_TRUE(error.isEmpty()) << error.toStdString();
+    const QString pty = sim.ptyPath;
     const QString pcap = dir.filePath(QStringLiteral("serial.pcap"));
     const ProgramRun host =
         runProgram(QStringLiteral(XBC_HOST_PATH),
                    QStringList{QStringLiteral("--serial"), pty, QStringLiteral("--capture"), pcap} +
                        words("--watch D_W:0:2 --write D_W:1=7 --duration 1"));
-    stopSimulator(sim);
+    stopSim(sim);
     ASSERT_EQ(host.exitCode, 0) << host.out.toStdString() << host.err.toStdString();
     const QVector<Record> records = expectDecodedAsOracle(pcap);
     ASSERT_GT(records.size(), 2);

@@ -1,8 +1,7 @@
 // The driver end to end: loaded by the runtime stand-in, talking to the
 // simulator over TCP loopback and over a pseudo-terminal.
 // The driver header first: Qt's keyword macros (slots) must not reach it.
-#include "event_wait.h"
-#include "xbc_host.h"
+#include "run_until.h"
 #include "xbc_sim.h"
 
 #include <gtest/gtest.h>
@@ -60,8 +59,7 @@ void watch(Rig &rig, const QString &text)
 
 bool runUntil(Rig &rig, const std::function<bool()> &done, int maxMs)
 {
-    runFor(rig.host, 1000000, maxMs, done);
-    return done();
+    return xbctest::runUntil(rig.host, done, maxMs);
 }
 
 bool firstCycleDone(Rig &rig)

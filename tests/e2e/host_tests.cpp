@@ -1,7 +1,7 @@
 // The runtime stand-in without the driver: library loading errors, argument
 // parsing and link reconnection.
 // The driver header first: Qt's keyword macros (slots) must not reach it.
-#include "event_wait.h"
+#include "wait.h"
 #include "xbc_host.h"
 
 #include <QTcpServer>
@@ -11,6 +11,7 @@
 #include <tuple>
 
 using namespace xbchost;
+using xbctest::waitUntil;
 
 TEST(HostLoad, NamesAMissingLibrary)
 {

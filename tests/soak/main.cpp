@@ -271,8 +271,7 @@ QString simulatorTotals(const QStringList &runs)
     return parts.join(QStringLiteral(", "));
 }
 
-void report(const Options &o, Host &host, const Ledger &ledger, const Work &work,
-            const SimProcess &sim)
+void report(const Options &o, Host &host, const Ledger &ledger, const Work &work)
 {
     const Outcomes &w = ledger.outcomes;
     const xbchost::HostStats &s = host.stats;
@@ -310,7 +309,7 @@ void report(const Options &o, Host &host, const Ledger &ledger, const Work &work
             .arg(s.retries)
             .arg(s.abandoned)
             .arg(s.pollCycles));
-    say(QStringLiteral("simulator: %1").arg(simulatorTotals(sim.statsOfRuns)));
+    say(QStringLiteral("simulator: %1").arg(simulatorTotals(work.simStats)));
     const long peak = peakRssKib();
     say(QStringLiteral("peak RSS %1 MiB (bound %2 MiB)")
             .arg(mib(peak), 0, 'f', 1)
@@ -373,7 +372,8 @@ int main(int argc, char **argv)
     SimProcess sim;
     sim.program = o.simulator;
     sim.pty = o.pty;
-    sim.faults = QStringLiteral("%1,seed=%2").arg(o.faults).arg(o.seed);
+    sim.args = QStringList{QStringLiteral("--faults"),
+                           QStringLiteral("%1,seed=%2").arg(o.faults).arg(o.seed)};
     if (!scratch.isValid() || !startSim(sim, &error))
         return setupError(error.isEmpty() ? QStringLiteral("no scratch directory") : error);
     const QString memoryFile = scratch.filePath(QStringLiteral("memory.bin"));
@@ -416,12 +416,12 @@ int main(int argc, char **argv)
 
     QString faultStats;
     if (simCommand(sim, QStringLiteral("stats"), &faultStats, &error))
-        sim.statsOfRuns << faultStats;
+        work.simStats << faultStats;
     if (!simCommand(sim, QStringLiteral("faults off"), nullptr, &error))
         return setupError(error);
     finalChecks(host, ledger, work, sim);
-    stopSim(sim, false);
-    report(o, host, ledger, work, sim);
+    stopSim(sim);
+    report(o, host, ledger, work);
     say(exitCode == 0 ? QStringLiteral("result: pass") : QStringLiteral("result: FAIL"));
     return exitCode;
 }

@@ -10,8 +10,9 @@
 // reach it.
 #include "xbc_host.h"
 
+#include "sim_process.h"
+
 #include <QHash>
-#include <QProcess>
 #include <QString>
 #include <QVector>
 
@@ -20,30 +21,7 @@
 
 namespace soak {
 
-// ---------------------------------------------------------------------------
-// The simulator process and its control channel (xbc-plc-sim --control).
-
-struct SimProcess {
-    QString program;
-    QString faults;   // --faults SPEC of every start
-    bool pty = false; // serve a pseudo-terminal instead of TCP
-    quint16 port = 0; // 0 at first; a restart listens on the same port again
-    QString ptyPath;
-    std::unique_ptr<QProcess> process;
-    QByteArray output;       // standard output not yet consumed
-    QStringList statsOfRuns; // "stats" answers of the faulty part of each run
-};
-
-bool startSim(SimProcess &sim, QString *error);
-// Sends one command and returns its answer after "ok" (may be empty); false
-// with the answer or the reason in error.
-bool simCommand(SimProcess &sim, const QString &command, QString *answer, QString *error);
-// Keeps its "stats" answer when asked to, closes its input (it stops at end of
-// input) and waits for it.
-void stopSim(SimProcess &sim, bool keepStats);
-// Values of the simulator's memory through "read".
-bool simValues(SimProcess &sim, const QString &reg, const QString &address, int count,
-               QVector<int> &out, QString *error);
+using xbctest::SimProcess;
 
 // ---------------------------------------------------------------------------
 // What was written and what the screens were told, per location.
@@ -130,6 +108,7 @@ struct Work {
     qint64 nextLinkDropMs = 0;
     qint64 lastWorkMs = 0;
     double writeBudget = 0;
+    QStringList simStats; // "stats" answers of the faulty part of each simulator run
 };
 
 // Watches and recipe variables, before startRun.

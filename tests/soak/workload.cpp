@@ -251,7 +251,10 @@ bool dropLinkNow(Work &work, Host &host, SimProcess &sim, const QString &memoryF
     } else {
         if (!simCommand(sim, QStringLiteral("save %1").arg(memoryFile), nullptr, error))
             return false;
-        stopSim(sim, true);
+        QString stats;
+        if (simCommand(sim, QStringLiteral("stats"), &stats, error))
+            work.simStats << stats;
+        stopSim(sim);
         if (!startSim(sim, error) ||
             !simCommand(sim, QStringLiteral("load %1").arg(memoryFile), nullptr, error))
             return false;

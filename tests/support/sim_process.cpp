@@ -1,10 +1,9 @@
-// The simulator as its own process: started, told what to do through its
-// control channel, restarted, stopped.
-#include "soak.h"
+#include "sim_process.h"
 
 #include <QElapsedTimer>
+#include <QVector>
 
-namespace soak {
+namespace xbctest {
 
 namespace {
 
@@ -33,10 +32,11 @@ bool takeLine(SimProcess &sim, QString &line, int timeoutMs)
 
 bool startSim(SimProcess &sim, QString *error)
 {
-    QStringList args{QStringLiteral("--control"), QStringLiteral("--faults"), sim.faults};
+    QStringList args = sim.args;
+    args << QStringLiteral("--control");
     if (sim.pty)
         args << QStringLiteral("--pty") << QStringLiteral("--no-tcp");
-    else
+    else if (sim.port != 0)
         args << QStringLiteral("--port") << QString::number(sim.port);
     sim.process = std::make_unique<QProcess>();
     sim.process->setProcessChannelMode(QProcess::ForwardedErrorChannel);
@@ -98,14 +98,10 @@ bool simValues(SimProcess &sim, const QString &reg, const QString &address, int 
     return false;
 }
 
-void stopSim(SimProcess &sim, bool keepStats)
+void stopSim(SimProcess &sim)
 {
     if (!sim.process)
         return;
-    QString answer, error;
-    if (keepStats && sim.process->state() == QProcess::Running &&
-        simCommand(sim, QStringLiteral("stats"), &answer, &error))
-        sim.statsOfRuns << answer;
     sim.process->closeWriteChannel();
     if (!sim.process->waitForFinished(STOP_TIMEOUT_MS)) {
         sim.process->kill();
@@ -114,4 +110,4 @@ void stopSim(SimProcess &sim, bool keepStats)
     sim.process.reset();
 }
 
-} // namespace soak
+} // namespace xbctest
