@@ -36,13 +36,12 @@ bool tracing(const Host &host)
     return host.config.trace || host.config.traceSink;
 }
 
-void traceLine(Host &host, const QString &direction, const QString &text)
+void traceLine(Host &host, const QString &direction, const QByteArray &bytes)
 {
     if (!tracing(host))
         return;
-    const QString line =
-        QStringLiteral("%1 %2 %3")
-            .arg(QTime::currentTime().toString(QStringLiteral("HH:mm:ss.zzz")), direction, text);
+    const QString line = stampedText(QStringLiteral("%1 %2").arg(
+        direction, bytes.isEmpty() ? QStringLiteral("(nothing)") : xbctrace::printable(bytes)));
     if (host.config.trace)
         printLine(host, line);
     if (host.config.traceSink)
@@ -54,6 +53,71 @@ int readShownValue(Host &host, int station, const QString &name, int address)
     unsigned char out[4] = {};
     host.api.getData(station, name, address, 1, out);
     return isBitRegister(host, name) ? out[0] : int(out[0] | (out[1] << 8));
+}
+
+bool lastCovered(const Host &host, const Notification &note)
+{
+    for (const Coverage &c : host.coverage) {
+        if (note.address >= c.first && note.address - c.first < c.count &&
+            c.stationNo == note.stationNo && c.regName == note.name)
+            return true;
+    }
+    return false;
+}
+
+// A write not done and not failed covers the record: it shows the value
+// being written.
+bool writeOpenFor(const Host &host, const Notification &note)
+{
+    for (int tag : host.openWrites) {
+        const WriteRecord &w = host.writes[tag];
+        if (w.failed == 0 && w.stationNo == note.stationNo && w.regName == note.name &&
+            note.address >= w.address && note.address - w.address < w.count)
+            return true;
+    }
+    return false;
+}
+
+void warnText(Host &host, const QString &text)
+{
+    if (host.config.warn)
+        host.config.warn(text);
+    else
+        std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
+}
+
+// An event line with its time: printed (CLI) and handed to the observers.
+void eventLine(Host &host, const QString &text, bool toStderr)
+{
+    if (!host.config.printChanges && !host.config.trace && !host.config.traceSink)
+        return;
+    const QString line = stampedText(text);
+    if (host.config.printChanges || host.config.trace)
+        toStderr ? warnText(host, line) : printLine(host, line);
+    if (host.config.traceSink)
+        host.config.traceSink(line);
+}
+
+// A change as printed, logged and handed on. A record no good reply ever
+// filled shows as unknown: the driver's image holds 0 there, which the PLC
+// may never have held. Only a write still open may show its value then.
+void deliverNote(Host &host, Notification &note)
+{
+    const QString key =
+        QStringLiteral("%1:%2:%3").arg(note.stationNo).arg(note.name).arg(note.address);
+    auto last = host.lastShown.find(key);
+    note.repeated = last != host.lastShown.end() && last.value() == note.value;
+    host.lastShown[key] = note.value;
+    note.known = lastCovered(host, note) || writeOpenFor(host, note);
+    if (host.config.noteSink)
+        host.config.noteSink(note);
+    if (note.repeated || (!host.config.printChanges && !host.log))
+        return;
+    if (host.config.printChanges)
+        printLine(host, formatNotification(host, note));
+    if (host.log)
+        logChange(*host.log, note,
+                  note.known ? QString::number(note.value) : QStringLiteral("unknown"));
 }
 
 void onValueChange(int id, int station, const QString &name, int address)
@@ -84,10 +148,18 @@ void onValueChange(int id, int station, const QString &name, int address)
     note.address = address;
     note.value = readShownValue(*host, station, name, address);
     host->notes.append(note);
-    if (host->config.noteSink)
-        host->config.noteSink(note);
-    if (host->config.printChanges)
-        printLine(*host, formatNotification(*host, note));
+    // What a reply settles is known once it has been accounted for.
+    if (host->receiving)
+        host->heldNotes.append(note);
+    else
+        deliverNote(*host, note);
+}
+
+void deliverHeldNotes(Host &host)
+{
+    for (Notification &note : host.heldNotes)
+        deliverNote(host, note);
+    host.heldNotes.clear();
 }
 
 QString checkCodeText(int code, const QString &reg, const QStringList &desc)
@@ -132,9 +204,9 @@ QString checkAddress(Host &host, const QString &reg, const QString &text, int co
     return checkCodeText(code, reg, desc);
 }
 
-CaptureEnds captureEndsOf(const Host &host)
+xbctrace::CaptureEnds captureEndsOf(const Host &host)
 {
-    CaptureEnds ends;
+    xbctrace::CaptureEnds ends;
     const QTcpSocket *socket = host.link.tcp.get();
     if (host.link.config.kind != LinkConfig::Tcp || !socket)
         return ends;
@@ -152,15 +224,14 @@ void captureReceived(Host &host, const QByteArray &bytes)
     if (!host.capture)
         return;
     if (bytes.isEmpty())
-        recordTimeout(*host.capture, captureEndsOf(host));
+        xbctrace::recordTimeout(*host.capture, captureEndsOf(host));
     else
-        recordReceived(*host.capture, captureEndsOf(host), bytes);
+        xbctrace::recordReceived(*host.capture, captureEndsOf(host), bytes);
 }
 
 // Reply bytes until EOT, replyLen bytes, the timeout or a lost link.
-QByteArray collectReply(Host &host, QIODevice &device, int replyLen)
+void collectReply(Host &host, QIODevice &device, int replyLen, QByteArray &got)
 {
-    QByteArray got;
     QByteArray pastEot; // a doubled reply's surplus, kept for the capture
     QElapsedTimer timer;
     timer.start();
@@ -191,7 +262,6 @@ QByteArray collectReply(Host &host, QIODevice &device, int replyLen)
     captureReceived(host, got);
     if (!pastEot.isEmpty())
         captureReceived(host, pastEot);
-    return got;
 }
 
 QIODevice *deviceOf(Host &host)
@@ -208,7 +278,7 @@ void sendBytes(Host &host, QIODevice &device, const QByteArray &bytes)
     if (!stale.isEmpty())
         captureReceived(host, stale);
     if (host.capture)
-        recordSent(*host.capture, captureEndsOf(host), bytes);
+        xbctrace::recordSent(*host.capture, captureEndsOf(host), bytes);
     device.write(bytes);
     if (auto *serial = qobject_cast<QSerialPort *>(&device))
         serial->flush();
@@ -216,16 +286,31 @@ void sendBytes(Host &host, QIODevice &device, const QByteArray &bytes)
         socket->flush();
 }
 
-void countPollCycle(Host &host)
+// One poll cycle is every read block once; a block of many words is several
+// frames and is read once its last frame is retired.
+void countPollCycle(Host &host, const FRAME_PRO &f, bool good)
 {
+    host.cycleBytes += f.frameLen + f.replyLen;
+    host.cycleFailed = host.cycleFailed || !good;
+    if (good && !host.api.driver->sendList.isEmpty())
+        return;
     ++host.stats.pollReads;
     if (++host.pollReadsInCycle < qMax(1, host.readBlocks))
         return;
     host.pollReadsInCycle = 0;
+    if (!host.cycleFailed)
+        host.plannedCycleBytes = int(host.cycleBytes);
+    host.cycleBytes = 0;
     if (host.cycleTimer.isValid()) {
+        const qint64 ns = host.cycleTimer.nsecsElapsed();
         ++host.stats.pollCycles;
-        host.stats.pollCycleNsTotal += host.cycleTimer.nsecsElapsed();
+        host.stats.pollCycleNsTotal += ns;
+        if (!host.cycleFailed) {
+            ++host.goodCycles;
+            host.goodCycleNsTotal += ns;
+        }
     }
+    host.cycleFailed = false;
     // A scan-rate floor keeps a fast link from spinning the processor; the
     // pause is not part of the measured cycle.
     const qint64 busyMs = host.cycleTimer.isValid() ? host.cycleTimer.elapsed() : 0;
@@ -270,6 +355,39 @@ QSet<int> tagsLeftInDriver(Host &host)
     return tags;
 }
 
+QString writeOutcomeText(const WriteRecord &w)
+{
+    if (writeLanded(w))
+        return QStringLiteral("write %1 landed%2")
+            .arg(w.text,
+                 w.localOnly ? QStringLiteral(" (kept locally: local-write-only)") : QString());
+    if (!w.failReason.isEmpty())
+        return QStringLiteral("write %1 failed: %2").arg(w.text, w.failReason);
+    return QStringLiteral("write %1 failed: the driver sent no frame for it "
+                          "(refused, or dropped from a full write list)")
+        .arg(w.text);
+}
+
+void finishWrite(Host &host, int tag, WriteRecord &w)
+{
+    w.done = true;
+    w.doneAtMs = host.clock.isValid() ? host.clock.elapsed() : 0;
+    const bool landed = writeLanded(w);
+    ++(landed ? host.stats.writesLanded : host.stats.writesFailed);
+    if (landed)
+        noteCoverage(host, w.stationNo, w.regName, w.address, w.count);
+    if (w.text.isEmpty())
+        w.text = QStringLiteral("%1:%2 (%3 values)")
+                     .arg(w.regName, addressText(w.regName, w.address))
+                     .arg(w.count);
+    if (!host.config.printChanges && !host.config.writeSink && !host.config.traceSink)
+        return;
+    const QString text = writeOutcomeText(w);
+    eventLine(host, text, !landed);
+    if (host.config.writeSink)
+        host.config.writeSink(tag, landed, text);
+}
+
 // A write is done once nothing with its tag is left in the driver: its last
 // frame was answered or abandoned, or it never needed one.
 void settleWrites(Host &host)
@@ -282,35 +400,100 @@ void settleWrites(Host &host)
             ++it;
             continue;
         }
-        host.writes[*it].done = true;
+        const int tag = *it;
         it = host.openWrites.erase(it);
+        finishWrite(host, tag, host.writes[tag]);
     }
 }
 
-void account(Host &host, const FRAME_PRO &f, int rc, int notesBefore)
+// "read D_W 100 (10 words)": the request a frame serves.
+QString requestText(const FRAME_PRO &f)
+{
+    if (f.frameLen == 0)
+        return QStringLiteral("handshake");
+    if (f.wordCount > 0)
+        return QStringLiteral("read %1 (%2 words)")
+            .arg(recordText(f.var.regName, f.var.address))
+            .arg(f.wordCount);
+    return QStringLiteral("write %1 (%2 values)")
+        .arg(recordText(f.var.regName, f.var.address))
+        .arg(f.var.count);
+}
+
+void reportBadReply(Host &host, const FRAME_PRO &f, const QByteArray &reply, int rc, WriteRecord *w)
+{
+    const bool wanted = host.config.printChanges || host.config.trace || host.config.traceSink;
+    if (!wanted && !w)
+        return;
+    const QString why = replyProblemText(f, reply, host.config.replyTimeoutMs);
+    const int tries = qMax(1, host.props.retryTimes);
+    if (rc == RECEIVE_ABANDONED && w)
+        w->failReason = QStringLiteral("%1 abandoned after %2 %3: %4")
+                            .arg(requestText(f))
+                            .arg(tries)
+                            .arg(tries == 1 ? QStringLiteral("try") : QStringLiteral("tries"), why);
+    if (!wanted)
+        return;
+    const QString text =
+        rc == RECEIVE_RETRY
+            ? QStringLiteral("!! retry %1 of %2, %3: %4")
+                  .arg(host.failStreak + 1)
+                  .arg(tries)
+                  .arg(requestText(f), why)
+            : QStringLiteral("!! abandoned %1 after %2 %3: %4")
+                  .arg(requestText(f))
+                  .arg(tries)
+                  .arg(tries == 1 ? QStringLiteral("try") : QStringLiteral("tries"), why);
+    eventLine(host, text, true);
+}
+
+void notePlcState(Host &host)
+{
+    if (host.reportedAnswering && plcSilent(host)) {
+        host.reportedAnswering = false;
+        eventLine(host,
+                  QStringLiteral("plc: not answering (no good reply for %1 ms)")
+                      .arg(host.clock.elapsed() - host.waitingSinceMs),
+                  true);
+    } else if (!host.reportedAnswering && host.waitingSinceMs < 0) {
+        host.reportedAnswering = true;
+        eventLine(host, QStringLiteral("plc: answering again"), true);
+    }
+}
+
+void account(Host &host, const FRAME_PRO &f, const QByteArray &reply, int rc, int notesBefore)
 {
     const bool isWriteFrame = f.wordCount == 0 && f.frameLen > 0;
     WriteRecord *w = writeOf(host, f);
     switch (rc) {
     case RECEIVE_DONE:
         ++host.stats.goodReplies;
+        host.lastGoodReplyMs = host.clock.elapsed();
+        host.waitingSinceMs = -1;
+        host.failStreak = 0;
         if (w && isWriteFrame)
             ++w->acked;
+        if (f.wordCount > 0 && !w)
+            noteGoodRead(host, f);
         if (isPollRead(f))
-            countPollCycle(host);
+            countPollCycle(host, f, true);
         break;
     case RECEIVE_ABANDONED:
         ++host.stats.abandoned;
+        reportBadReply(host, f, reply, rc, w);
+        host.failStreak = 0;
         if (w) {
             ++w->failed;
             if (w->failNoteIndex < 0)
                 w->failNoteIndex = notesBefore;
         }
         if (isPollRead(f))
-            countPollCycle(host);
+            countPollCycle(host, f, false);
         break;
     case RECEIVE_RETRY:
         ++host.stats.retries;
+        reportBadReply(host, f, reply, rc, w);
+        ++host.failStreak;
         break;
     default:
         break;
@@ -318,24 +501,12 @@ void account(Host &host, const FRAME_PRO &f, int rc, int notesBefore)
     settleWrites(host);
 }
 
-QString dealResultText(int rc)
-{
-    switch (rc) {
-    case RECEIVE_RETRY:
-        return QStringLiteral("bad reply, retry");
-    case RECEIVE_ABANDONED:
-        return QStringLiteral("request abandoned");
-    default:
-        return QStringLiteral("nothing in flight");
-    }
-}
-
-void waitIdle(int ms)
-{
-    serveEventsFor(ms);
-}
-
 } // namespace
+
+bool writeLanded(const WriteRecord &w)
+{
+    return w.done && w.failed == 0 && (w.acked > 0 || w.localOnly);
+}
 
 bool isBitRegister(const Host &host, const QString &regName)
 {
@@ -428,10 +599,12 @@ void startRun(Host &host)
     host.cycleTimer.invalidate();
 }
 
-int queueWrite(Host &host, const QString &regName, int address, int count, const QByteArray &data)
+int queueWrite(Host &host, const QString &regName, int address, int count, const QByteArray &data,
+               const QString &text)
 {
     const int tag = host.nextWriteTag++;
     WriteRecord w;
+    w.text = text;
     w.stationNo = host.config.stationNo;
     w.regName = regName;
     w.address = address;
@@ -454,7 +627,9 @@ int queueWriteItem(Host &host, const WriteItem &item)
         if (!item.isBit)
             data.append(char((v >> 8) & 0xFF));
     }
-    return queueWrite(host, item.regName, item.address, item.values.size(), data);
+    return queueWrite(
+        host, item.regName, item.address, item.values.size(), data,
+        QStringLiteral("%1:%2 = %3").arg(item.regName, item.addressText, valuesText(item.values)));
 }
 
 void queueConditionRead(Host &host, const QString &regName, int address, int count)
@@ -505,35 +680,40 @@ Step exchangeOnce(Host &host)
     if (host.config.beforeExchange)
         host.config.beforeExchange();
     if (!ensureLink(host)) {
-        waitIdle(host.config.pollIntervalMs);
+        notePlcState(host);
+        serveEventsFor(host.config.pollIntervalMs);
         return Step::LinkDown;
     }
     FRAME_PRO &f = *host.frame;
     if (host.api.getSendFrame(&f) != 1) {
-        waitIdle(host.config.pollIntervalMs);
+        serveEventsFor(host.config.pollIntervalMs);
         return Step::Idle;
     }
     if (isPollRead(f) && !host.cycleTimer.isValid())
         host.cycleTimer.start();
-    QByteArray reply;
+    QByteArray &reply = host.reply;
+    reply.clear();
     const int frameLen = qBound(0, f.frameLen, int(FRAME_BYTES));
     if (frameLen > 0) {
         QIODevice &device = *deviceOf(host);
-        const QByteArray bytes(reinterpret_cast<const char *>(f.frame), frameLen);
+        const QByteArray bytes =
+            QByteArray::fromRawData(reinterpret_cast<const char *>(f.frame), frameLen);
         sendBytes(host, device, bytes);
         ++host.stats.framesSent;
-        traceLine(host, QStringLiteral("->"), xbctrace::printable(bytes));
-        reply = collectReply(host, device, f.replyLen);
-        traceLine(host, QStringLiteral("<-"),
-                  reply.isEmpty() ? QStringLiteral("(nothing)") : xbctrace::printable(reply));
+        if (host.waitingSinceMs < 0)
+            host.waitingSinceMs = host.clock.elapsed();
+        traceLine(host, QStringLiteral("->"), bytes);
+        collectReply(host, device, f.replyLen, reply);
+        traceLine(host, QStringLiteral("<-"), reply);
     }
-    QString description;
     const int notesBefore = host.notes.size();
-    const int rc = host.api.dealRcvFrame(reply, description);
-    if (rc != RECEIVE_DONE)
-        traceLine(host, QStringLiteral("!!"),
-                  QStringLiteral("%1 %2").arg(dealResultText(rc), description));
-    account(host, f, rc, notesBefore);
+    host.receiving = true;
+    const int rc = host.api.dealRcvFrame(reply, host.description);
+    host.receiving = false;
+    account(host, f, reply, rc, notesBefore);
+    if (!host.heldNotes.isEmpty())
+        deliverHeldNotes(host);
+    notePlcState(host);
     return Step::Exchanged;
 }
 
@@ -553,12 +733,11 @@ int runFor(Host &host, int maxExchanges, int maxMs, const std::function<bool()> 
 
 QString formatNotification(const Host &host, const Notification &note)
 {
-    QString where = QString::number(note.address);
-    if (note.name.endsWith(QLatin1String("_bit")))
-        where = QStringLiteral("%1.%2").arg(note.address / 16).arg(note.address % 16);
+    const QString where = addressText(note.name, note.address);
     const QString time = note.wallTime.toString(QStringLiteral("HH:mm:ss.zzz"));
     const QString value =
-        isBitRegister(host, note.name)
+        !note.known ? QStringLiteral("unknown (the PLC's value was never read)")
+        : isBitRegister(host, note.name)
             ? QString::number(note.value)
             : QStringLiteral("%1 (0x%2)")
                   .arg(note.value)
@@ -572,18 +751,27 @@ QString formatNotification(const Host &host, const Notification &note)
 QString summaryText(const Host &host)
 {
     const HostStats &s = host.stats;
-    const QString cycle = s.pollCycles > 0
-                              ? QStringLiteral("%1 ms over %2 cycles")
-                                    .arg(double(s.pollCycleNsTotal) / 1e6 / s.pollCycles, 0, 'f', 2)
-                                    .arg(s.pollCycles)
-                              : QStringLiteral("n/a (no complete cycle)");
+    const double measured = measuredCycleMs(host);
+    QString cycle =
+        measured >= 0
+            ? QStringLiteral("%1 ms over %2 cycles").arg(measured, 0, 'f', 2).arg(s.pollCycles)
+            : QStringLiteral("n/a (no complete cycle)");
+    const double planned = plannedCycleMs(host);
+    if (planned > 0)
+        cycle += QStringLiteral(" (line time planned %1 ms)").arg(planned, 0, 'f', 2);
     return QStringLiteral("summary: frames sent %1, good replies %2, retries %3, "
-                          "abandoned requests %4, average poll cycle %5")
+                          "abandoned requests %4, average poll cycle %5, writes landed %6, "
+                          "writes failed %7, link drops %8, reconnects %9; link %10, PLC %11")
         .arg(s.framesSent)
         .arg(s.goodReplies)
         .arg(s.retries)
         .arg(s.abandoned)
-        .arg(cycle);
+        .arg(cycle)
+        .arg(s.writesLanded)
+        .arg(s.writesFailed)
+        .arg(s.linkDrops)
+        .arg(s.reconnects)
+        .arg(linkStateText(linkState(host)), plcStateText(host));
 }
 
 } // namespace xbchost

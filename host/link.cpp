@@ -11,12 +11,16 @@ namespace xbchost {
 
 namespace {
 
+// Link events carry their time; observers get the same line.
 void warnLine(Host &host, const QString &text)
 {
+    const QString line = stampedText(text);
     if (host.config.warn)
-        host.config.warn(text);
+        host.config.warn(line);
     else
-        std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
+        std::fprintf(stderr, "%s\n", line.toLocal8Bit().constData());
+    if (host.config.traceSink)
+        host.config.traceSink(line);
 }
 
 // The parity and stop-bit names of a line text.
@@ -32,12 +36,6 @@ const std::map<QString, QSerialPort::StopBits> STOP_BITS = {
     {QStringLiteral("1.5"), QSerialPort::OneAndHalfStop},
     {QStringLiteral("2"), QSerialPort::TwoStop},
 };
-
-QString describeTarget(const LinkConfig &c)
-{
-    return c.kind == LinkConfig::Tcp ? QStringLiteral("%1:%2").arg(c.host).arg(c.port)
-                                     : QStringLiteral("%1 (%2)").arg(c.device, c.line);
-}
 
 bool connectTcp(Host &host)
 {
@@ -60,8 +58,9 @@ bool connectTcp(Host &host)
     if (s.state() != QAbstractSocket::ConnectedState) {
         const QString reason = s.errorString();
         s.abort();
-        warnLine(host, QStringLiteral("link: cannot connect to %1: %2")
-                           .arg(describeTarget(link.config), reason));
+        warnLine(
+            host,
+            QStringLiteral("link: cannot connect to %1: %2").arg(targetText(link.config), reason));
         return false;
     }
     s.setSocketOption(QAbstractSocket::LowDelayOption, 1);
@@ -85,7 +84,7 @@ bool openSerial(Host &host)
     p.setPortName(link.config.device);
     if (!p.open(QIODevice::ReadWrite)) {
         warnLine(host, QStringLiteral("link: cannot open %1: %2")
-                           .arg(describeTarget(link.config), p.errorString()));
+                           .arg(targetText(link.config), p.errorString()));
         return false;
     }
     const bool ok = p.setBaudRate(line.baud) && p.setDataBits(line.dataBits) &&
@@ -101,7 +100,15 @@ bool openSerial(Host &host)
     return true;
 }
 
-bool linkIsUp(Host &host)
+} // namespace
+
+QString targetText(const LinkConfig &c)
+{
+    return c.kind == LinkConfig::Tcp ? QStringLiteral("%1:%2").arg(c.host).arg(c.port)
+                                     : QStringLiteral("%1 (%2)").arg(c.device, c.line);
+}
+
+bool linkIsUp(const Host &host)
 {
     const Link &link = host.link;
     if (link.config.kind == LinkConfig::Tcp)
@@ -111,8 +118,6 @@ bool linkIsUp(Host &host)
     const QSerialPort::SerialPortError e = link.serial->error();
     return e == QSerialPort::NoError || e == QSerialPort::TimeoutError;
 }
-
-} // namespace
 
 QString parseTcpTarget(const QString &text, LinkConfig &out)
 {
@@ -181,7 +186,7 @@ bool ensureLink(Host &host)
         return true;
     if (link.connects > 0 && link.backoffMs == 0) {
         ++host.stats.linkDrops;
-        warnLine(host, QStringLiteral("link: %1 lost").arg(describeTarget(link.config)));
+        warnLine(host, QStringLiteral("link: %1 lost; reconnecting").arg(targetText(link.config)));
         link.backoffMs = BACKOFF_FIRST_MS;
         link.lastAttempt.start();
         closeLink(host);
@@ -198,8 +203,14 @@ bool ensureLink(Host &host)
     }
     ++link.connects;
     link.backoffMs = 0;
-    if (link.connects == 1 || link.failedAttempts > 0)
-        warnLine(host, QStringLiteral("link: connected to %1").arg(describeTarget(link.config)));
+    if (link.connects > 1) {
+        ++host.stats.reconnects;
+        warnLine(host, QStringLiteral("link: reconnected to %1 (drop %2)")
+                           .arg(targetText(link.config))
+                           .arg(host.stats.linkDrops));
+    } else {
+        warnLine(host, QStringLiteral("link: connected to %1").arg(targetText(link.config)));
+    }
     link.failedAttempts = 0;
     return true;
 }

@@ -11,6 +11,8 @@
 #include "ls_xbc_cpu_direct.h"
 
 #include <QElapsedTimer>
+#include <QFile>
+#include <QHash>
 #include <QLibrary>
 #include <QMap>
 #include <QMutex>
@@ -25,9 +27,11 @@
 #include <functional>
 #include <memory>
 
-namespace xbchost {
-
+namespace xbctrace {
 struct Capture; // capture.h
+}
+
+namespace xbchost {
 
 // ---------------------------------------------------------------------------
 // The driver's exported functions, resolved by their plain names.
@@ -59,6 +63,9 @@ struct LinkConfig {
     quint16 port = 8000;
     QString device;
     QString line = QStringLiteral("115200,8,NONE,1");
+    // Line settings a TCP link is planned for (a serial server behind it);
+    // empty: no line time is planned for TCP.
+    QString planLine;
 };
 
 // "HOST:PORT" or "HOST" (port 8000). Empty error text on success.
@@ -118,11 +125,17 @@ struct WriteRecord {
     int failed = 0;         // frames abandoned after their retries
     int failNoteIndex = -1; // notes from here on came with or after the failure
     bool done = false;      // nothing with its tag is queued or on the line any more
-    bool settled() const
+    qint64 doneAtMs = -1;
+    QString failReason;  // why its last frame was abandoned
+    QString text;        // "D_W:5 = 777", as the outcome names it
+    bool settled() const // kept for callers not yet on `done`
     {
         return done;
     }
 };
+// Landed: every frame it needed was answered (or, local-write-only, it was
+// kept in the driver's image). A write the driver took no frame for is not.
+bool writeLanded(const WriteRecord &w);
 
 struct Notification {
     qint64 atMs = 0;
@@ -132,6 +145,28 @@ struct Notification {
     int address = 0;
     QTime wallTime;
     int value = 0; // read with intf_getData during the callback
+    // The value the record's previous notification showed: nothing changed
+    // (the driver notifies every watched bit of a word when a write settles).
+    // Not printed nor logged; observers showing changes skip it too.
+    bool repeated = false;
+    // False: no good reply ever filled the record and no write of it is open;
+    // the value is the driver's stand-in, not the PLC's.
+    bool known = true;
+};
+
+// Records a good reply (or a landed write) filled, and when it last did.
+// Addresses in the host's units (bits of a word register: word * 16 + bit).
+struct Coverage {
+    int stationNo = 0;
+    QString regName;
+    int first = 0;
+    int count = 0;
+    qint64 lastGoodMs = -1;
+};
+
+// --log FILE.csv: the change log.
+struct LogFile {
+    QFile file;
 };
 
 struct HostStats {
@@ -143,6 +178,9 @@ struct HostStats {
     int pollCycles = 0;
     qint64 pollCycleNsTotal = 0; // busy time of the completed cycles
     int linkDrops = 0;
+    int reconnects = 0;
+    int writesLanded = 0;
+    int writesFailed = 0;
 };
 
 struct HostConfig {
@@ -159,6 +197,8 @@ struct HostConfig {
     // not) and every value change as it is recorded.
     std::function<void(const QString &)> traceSink;
     std::function<void(const Notification &)> noteSink;
+    // Every write's outcome as it settles (tag, landed, text as printed).
+    std::function<void(int, bool, const QString &)> writeSink;
     // Runs before each exchange, with no frame in flight: the place where
     // others may change watches or queue writes.
     std::function<void()> beforeExchange;
@@ -195,8 +235,26 @@ struct Host {
     int nextWriteTag = FIRST_WRITE_TAG;
     int conditionsDone = 0;
     int conditionsFailed = 0;
-    QList<int> uploadedWords;   // "RWI" notifications, recipe buffer words
-    Capture *capture = nullptr; // not owned; null: no capture file
+    QList<int> uploadedWords;             // "RWI" notifications, recipe buffer words
+    xbctrace::Capture *capture = nullptr; // not owned; null: no capture file
+    LogFile *log = nullptr;               // not owned; null: no change log
+
+    // What the status functions judge by (times on `clock`, -1: never).
+    qint64 lastGoodReplyMs = -1;
+    qint64 waitingSinceMs = -1; // first frame sent after the last good reply
+    bool reportedAnswering = true;
+    QVector<Coverage> coverage;
+    QHash<QString, int> lastShown; // per station:register:address, the value last delivered
+    qint64 cycleBytes = 0;         // line bytes of the poll reads of the cycle under way
+    int plannedCycleBytes = 0;     // of the last cycle with every read answered
+    bool cycleFailed = false;      // a poll read of the cycle under way was abandoned
+    int goodCycles = 0;            // cycles with every read answered, and their busy time
+    qint64 goodCycleNsTotal = 0;
+    int failStreak = 0;     // bad replies in a row to the frame in flight
+    bool receiving = false; // inside intf_dealRcvFrame: notes wait for its outcome
+    QList<Notification> heldNotes;
+    QByteArray reply;    // kept from exchange to exchange: no allocation each time
+    QString description; // the driver's text of the request in flight
 };
 
 // Register kind as the driver reports it (bit registers, TX and CX).
@@ -213,8 +271,10 @@ void addWatch(Host &host, const WatchItem &watch);
 // Needs api loaded; keys and recipeVars may be set before.
 void startRun(Host &host);
 
-// Queues a write through intf_setData; returns the tag that tracks it.
-int queueWrite(Host &host, const QString &regName, int address, int count, const QByteArray &data);
+// Queues a write through intf_setData; returns the tag that tracks it. text
+// names it in its outcome ("D_W:5 = 777"; default: register, address, count).
+int queueWrite(Host &host, const QString &regName, int address, int count, const QByteArray &data,
+               const QString &text = QString());
 int queueWriteItem(Host &host, const WriteItem &item);
 void queueConditionRead(Host &host, const QString &regName, int address, int count);
 // Sets the recipe download (60115) or upload (60116) byte under the lock.
@@ -229,6 +289,8 @@ QVector<int> shownValues(Host &host, const QString &regName, int address, int co
 
 enum class Step { Exchanged, Idle, LinkDown };
 
+// The loop's own test of the link: TCP connected; serial open without error.
+bool linkIsUp(const Host &host);
 bool ensureLink(Host &host);
 void closeLink(Host &host);
 Step exchangeOnce(Host &host);
@@ -242,6 +304,104 @@ void serveEventsFor(int ms);
 
 QString summaryText(const Host &host);
 QString formatNotification(const Host &host, const Notification &note);
+
+// ---------------------------------------------------------------------------
+// Status as the loop itself judges it: the console and the CLI show these and
+// keep no judgement of their own.
+
+enum class LinkState { Connected, Reconnecting, Down };
+// Connected: the loop's own test (TCP connected; serial open without an
+// error). Reconnecting: before the first attempt, and after a drop until
+// RECONNECT_GRACE_ATTEMPTS attempts failed. Down: after that, or when the link
+// never came up and an attempt failed.
+enum { RECONNECT_GRACE_ATTEMPTS = 3 };
+LinkState linkState(const Host &host);
+QString linkStateText(LinkState state); // "connected", "reconnecting", "down"
+
+// The PLC answers: the link is connected, a good reply came, and no frame
+// sent since has gone unanswered for longer than staleAfterMs(host).
+bool plcAnswering(const Host &host);
+QString plcStateText(const Host &host); // "answering" or "not answering"
+// Three poll cycles (each the measured busy time, else the planned line time,
+// plus the pause between cycles), but at least the time one frame takes to
+// be abandoned (tries x reply timeout) plus one cycle, and at least 1 s.
+qint64 staleAfterMs(const Host &host);
+enum { MIN_STALE_MS = 1000, STALE_CYCLES = 3 };
+
+struct ValueView {
+    bool known = false; // a good reply or a landed write ever filled it
+    bool stale = false; // known, but its last good reply is older than staleAfterMs
+    qint64 ageMs = -1;  // since the last good reply (or landed write) covering it
+    int value = 0;      // as intf_getData shows it; meaningless when !known
+};
+// address: the numeric address of parseWatch/intf_checkAddr.
+ValueView valueView(Host &host, const QString &regName, int address);
+// "1234", "unknown", "1234 (stale, 3.2 s old)".
+QString valueViewText(const ValueView &view);
+
+// Line time of one poll cycle (every read block once, request and reply) at
+// the host's line settings (serial line, or LinkConfig::planLine for TCP);
+// 0 when there is none or no cycle has been sent yet. Same figure as `plan`.
+double plannedCycleMs(const Host &host);
+// Average measured busy time of a poll cycle, -1 before the first.
+double measuredCycleMs(const Host &host);
+
+// The loop's bookkeeping behind the status above (host.cpp calls these).
+void noteGoodRead(Host &host, const FRAME_PRO &frame);
+void noteCoverage(Host &host, int station, const QString &regName, int first, int count);
+bool plcSilent(const Host &host); // frames unanswered for longer than staleAfterMs
+void logChange(LogFile &log, const Notification &note, const QString &value);
+
+// Why a reply was refused, in words, from the frame in flight and the bytes
+// that came: "no reply within 500 ms", "wrong checksum: received 3F, expected
+// 3E", "reply too short: 9 bytes, expected 13", "NAK, error code 05: address
+// out of range", "the reply echoes the request ...".
+QString replyProblemText(const FRAME_PRO &frame, const QByteArray &reply, int timeoutMs);
+
+// The driver's own plan of one poll cycle (planner.cpp): the read blocks
+// intf_addrMerge made of host.keys and the frames intf_getSendFrame builds to
+// read each once, answered with well-formed replies of their replyLen.
+struct PlannedFrame {
+    QByteArray request;
+    int replyLen = 0;
+    QString what; // "read D_W 0 (127 words)"
+};
+struct CyclePlan {
+    int maxPacketLen = 0;
+    QStringList blocks; // "D_W 0 (200 words)"
+    QVector<PlannedFrame> frames;
+    qint64 requestBytes = 0;
+    qint64 replyBytes = 0;
+};
+// Needs the driver loaded and host.keys set; runs the driver with the given
+// property string (the PLC is not contacted). Empty text on success.
+QString planCycle(Host &host, const QString &properties, CyclePlan &out);
+// "maxPacketLen" replaced in a property string.
+QString withMaxPacketLen(const QString &properties, int maxPacketLen);
+
+// Line time: start bit, data bits, parity bit, stop bits per character.
+double bitsPerCharacter(const SerialLine &line);
+double lineTimeMs(qint64 bytes, const SerialLine &line);
+
+// "HOST:PORT" or "DEVICE (LINE)": the target as every message names it.
+QString targetText(const LinkConfig &config);
+// "1,2,3": values as a write and its outcome name them.
+QString valuesText(const QVector<int> &values);
+// "M_bit 35.3", "D_W 100": a record as the output names it.
+QString recordText(const QString &regName, int address);
+// "35.3", "100": an address in its register's notation.
+QString addressText(const QString &regName, int address);
+// After the watches (host.keys) changed: hands them to the driver again and
+// starts the cycle count afresh.
+void remerge(Host &host);
+
+// Text of an event line: "HH:mm:ss.zzz text", as printed and as handed to
+// HostConfig::traceSink.
+QString stampedText(const QString &text);
+
+// --log FILE.csv: "time,register,address,value", one row per printed change.
+QString openLog(LogFile &log, const QString &path);
+void closeLog(LogFile &log);
 
 } // namespace xbchost
 
