@@ -344,9 +344,9 @@ int main(int argc, char **argv)
     printOut(QStringLiteral("driver %1 version %2, properties %3, %4 watched range(s)")
                  .arg(path, host.api.getVersion(), host.config.properties)
                  .arg(host.keys.size()));
-    xbchost::Capture capture;
+    xbctrace::Capture capture;
     if (parser.isSet(opt.capture)) {
-        error = xbchost::openCapture(capture, parser.value(opt.capture));
+        error = xbctrace::openCapture(capture, parser.value(opt.capture));
         if (!error.isEmpty())
             return usageError(error);
         host.capture = &capture;
@@ -364,6 +364,6 @@ int main(int argc, char **argv)
         std::fprintf(stderr, "xbc-host: the link never came up\n");
     printOut(xbchost::summaryText(host));
     xbchost::closeLink(host);
-    xbchost::closeCapture(capture);
+    xbctrace::closeCapture(capture);
     return host.link.connects > 0 ? EXIT_OK : EXIT_NO_LINK;
 }

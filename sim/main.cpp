@@ -1,5 +1,6 @@
 // xbc-plc-sim: the PLC simulator as a program, serving TCP on loopback and,
 // on request, a pseudo-terminal.
+#include "replay.h"
 #include "xbc_sim.h"
 
 #include <QCommandLineParser>
@@ -247,12 +248,16 @@ int main(int argc, char **argv)
     const Options opt;
     QCommandLineParser parser;
     opt.addTo(parser);
+    parser.addOptions(xbcsim::replayOptions());
     parser.process(app);
 
     xbcsim::Simulator sim;
     sim.trace = parser.isSet(opt.trace);
     Run run;
-    QString error = configureMemory(parser, opt, sim);
+    xbcsim::Replay replay; // the capture comes before --set, which may change it
+    QString error = xbcsim::startReplay(parser, sim, replay);
+    if (error.isEmpty())
+        error = configureMemory(parser, opt, sim);
     if (error.isEmpty())
         error = readRun(parser, opt, run);
     if (error.isEmpty())
@@ -261,6 +266,9 @@ int main(int argc, char **argv)
         return fail(error);
     const int rc = serve(app, sim, run);
     printLine(summaryLine(sim));
+    if (!replay.path.isEmpty())
+        for (const QString &line : xbcsim::replayReport(replay))
+            printLine(line);
     xbcsim::stopSimulator(sim);
     return rc;
 }

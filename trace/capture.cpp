@@ -8,7 +8,7 @@
 
 #include <sys/time.h>
 
-namespace xbchost {
+namespace xbctrace {
 
 namespace {
 
@@ -147,4 +147,4 @@ void closeCapture(Capture &capture)
     capture.path.clear();
 }
 
-} // namespace xbchost
+} // namespace xbctrace

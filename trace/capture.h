@@ -15,7 +15,7 @@
 struct pcap;
 struct pcap_dumper;
 
-namespace xbchost {
+namespace xbctrace {
 
 // The two ends of the link as a record names them.
 struct CaptureEnds {
@@ -43,6 +43,6 @@ void recordReceived(Capture &capture, const CaptureEnds &ends, const QByteArray 
 void recordTimeout(Capture &capture, const CaptureEnds &ends);
 void closeCapture(Capture &capture);
 
-} // namespace xbchost
+} // namespace xbctrace
 
 #endif
