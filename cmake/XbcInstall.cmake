@@ -25,11 +25,12 @@ install(TARGETS ls_xbc_cpu_direct EXPORT ls_xbc_cpu_direct_targets
 install(FILES include/ls_xbc_cpu_direct.h
   DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT dev)
 
-foreach(program xbc-host xbc-plc-sim)
+foreach(program xbc-host xbc-plc-sim xbc-tap)
   if(TARGET ${program})
     install(TARGETS ${program} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
   endif()
 endforeach()
+include(cmake/XbcManPages.cmake)
 
 install(EXPORT ls_xbc_cpu_direct_targets NAMESPACE ls_xbc_cpu_direct::
   FILE ls_xbc_cpu_directTargets.cmake DESTINATION "${XBC_CMAKE_DIR}" COMPONENT dev)
