@@ -1,7 +1,7 @@
 # Debian packages (cpack -G DEB), one per install component:
 #   ls-xbc-cpu-direct-qtN        the driver
 #   ls-xbc-cpu-direct-qtN-dev    header, CMake package, pkg-config file
-#   ls-xbc-cpu-direct-qtN-tools  xbc-host and xbc-plc-sim
+#   ls-xbc-cpu-direct-qtN-tools  xbc-host, xbc-plc-sim and xbc-tap, with manual pages
 # N is the Qt major the driver was built with: a runtime needs the package of
 # its own Qt. The Qt 5 and Qt 6 packages install the same files, so they
 # conflict with each other.
@@ -63,7 +63,8 @@ set(CPACK_COMPONENT_TOOLS_DESCRIPTION
 "PLC communication driver for Qt ${XBC_QT_MAJOR} HMI runtimes - tools
 xbc-host plays the HMI runtime: it loads the installed driver and polls a
 PLC over TCP or a serial line, printing every value change. xbc-plc-sim is
-a PLC simulator that answers on loopback TCP or a pseudo-terminal.")
+a PLC simulator that answers on loopback TCP or a pseudo-terminal. xbc-tap
+sits between a runtime and a PLC and captures their exchange for Wireshark.")
 
 # The header needs Qt Core's headers; the CMake package finds them.
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "${XBC_QT_DEV_PACKAGE}")
