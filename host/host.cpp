@@ -55,16 +55,6 @@ int readShownValue(Host &host, int station, const QString &name, int address)
     return isBitRegister(host, name) ? out[0] : int(out[0] | (out[1] << 8));
 }
 
-bool lastCovered(const Host &host, const Notification &note)
-{
-    for (const Coverage &c : host.coverage) {
-        if (note.address >= c.first && note.address - c.first < c.count &&
-            c.stationNo == note.stationNo && c.regName == note.name)
-            return true;
-    }
-    return false;
-}
-
 // A write not done and not failed covers the record: it shows the value
 // being written.
 bool writeOpenFor(const Host &host, const Notification &note)
@@ -89,10 +79,10 @@ void warnText(Host &host, const QString &text)
 // An event line with its time: printed (CLI) and handed to the observers.
 void eventLine(Host &host, const QString &text, bool toStderr)
 {
-    if (!host.config.printChanges && !host.config.trace && !host.config.traceSink)
+    if (!host.config.printEvents && !host.config.trace && !host.config.traceSink)
         return;
     const QString line = stampedText(text);
-    if (host.config.printChanges || host.config.trace)
+    if (host.config.printEvents || host.config.trace)
         toStderr ? warnText(host, line) : printLine(host, line);
     if (host.config.traceSink)
         host.config.traceSink(line);
@@ -108,7 +98,8 @@ void deliverNote(Host &host, Notification &note)
     auto last = host.lastShown.find(key);
     note.repeated = last != host.lastShown.end() && last.value() == note.value;
     host.lastShown[key] = note.value;
-    note.known = lastCovered(host, note) || writeOpenFor(host, note);
+    note.known =
+        isCovered(host, note.stationNo, note.name, note.address) || writeOpenFor(host, note);
     if (host.config.noteSink)
         host.config.noteSink(note);
     if (note.repeated || (!host.config.printChanges && !host.log))
@@ -380,7 +371,7 @@ void finishWrite(Host &host, int tag, WriteRecord &w)
         w.text = QStringLiteral("%1:%2 (%3 values)")
                      .arg(w.regName, addressText(w.regName, w.address))
                      .arg(w.count);
-    if (!host.config.printChanges && !host.config.writeSink && !host.config.traceSink)
+    if (!host.config.printEvents && !host.config.writeSink && !host.config.traceSink)
         return;
     const QString text = writeOutcomeText(w);
     eventLine(host, text, !landed);
@@ -422,29 +413,20 @@ QString requestText(const FRAME_PRO &f)
 
 void reportBadReply(Host &host, const FRAME_PRO &f, const QByteArray &reply, int rc, WriteRecord *w)
 {
-    const bool wanted = host.config.printChanges || host.config.trace || host.config.traceSink;
-    if (!wanted && !w)
-        return;
-    const QString why = replyProblemText(f, reply, host.config.replyTimeoutMs);
     const int tries = qMax(1, host.props.retryTimes);
+    const QString why = replyProblemText(f, reply, host.config.replyTimeoutMs);
+    const QString tried = tries == 1 ? QStringLiteral("try") : QStringLiteral("tries");
+    host.lastProblem = rc == RECEIVE_RETRY ? QStringLiteral("!! retry %1 of %2, %3: %4")
+                                                 .arg(host.failStreak + 1)
+                                                 .arg(tries)
+                                                 .arg(requestText(f), why)
+                                           : QStringLiteral("!! abandoned %1 after %2 %3: %4")
+                                                 .arg(requestText(f))
+                                                 .arg(tries)
+                                                 .arg(tried, why);
     if (rc == RECEIVE_ABANDONED && w)
-        w->failReason = QStringLiteral("%1 abandoned after %2 %3: %4")
-                            .arg(requestText(f))
-                            .arg(tries)
-                            .arg(tries == 1 ? QStringLiteral("try") : QStringLiteral("tries"), why);
-    if (!wanted)
-        return;
-    const QString text =
-        rc == RECEIVE_RETRY
-            ? QStringLiteral("!! retry %1 of %2, %3: %4")
-                  .arg(host.failStreak + 1)
-                  .arg(tries)
-                  .arg(requestText(f), why)
-            : QStringLiteral("!! abandoned %1 after %2 %3: %4")
-                  .arg(requestText(f))
-                  .arg(tries)
-                  .arg(tries == 1 ? QStringLiteral("try") : QStringLiteral("tries"), why);
-    eventLine(host, text, true);
+        w->failReason = host.lastProblem.mid(3);
+    eventLine(host, host.lastProblem, true);
 }
 
 void notePlcState(Host &host)

@@ -15,6 +15,7 @@ namespace {
 void warnLine(Host &host, const QString &text)
 {
     const QString line = stampedText(text);
+    host.lastLinkProblem = text;
     if (host.config.warn)
         host.config.warn(line);
     else

@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QMap>
 
 #include <csignal>
 #include <cstdio>
@@ -21,7 +22,11 @@
 
 namespace {
 
-enum { EXIT_OK = 0, EXIT_NO_LINK = 1, EXIT_USAGE = 2 };
+// A failed write and a link that never came up both exit 1, as the one-shot
+// commands do.
+enum { EXIT_OK = 0, EXIT_NO_LINK = 1, EXIT_WRITE_FAILED = 1, EXIT_USAGE = 2 };
+// After the run's time, queued writes get this long to settle.
+enum { WRITE_SETTLE_MS = 3000 };
 // A panel's scan rate, not a busy loop.
 enum { PANEL_CYCLE_MS = 50 };
 // Writes wait at most this long for the first poll cycle.
@@ -62,24 +67,43 @@ int usageError(const QString &text)
 
 const char DESCRIPTION[] =
     "Runtime stand-in for the ls_xbc_cpu_direct driver.\n"
-    "Loads the driver library, hands it the watched addresses and runs the\n"
-    "communication loop: next frame from the driver, send it, collect the "
-    "reply\n"
-    "(until EOT, the expected length or a timeout), hand it back. Prints "
-    "every\n"
-    "value change (time, station, register, address, value) and a summary.\n"
+    "\n"
+    "  xbc-host [OPTIONS] --watch ...        run the communication loop (the default)\n"
+    "  xbc-host read ADDRESS... [OPTIONS]    read every address once and print it\n"
+    "  xbc-host write ADDRESS=VALUE... [OPTIONS]  write, wait for each outcome\n"
+    "  xbc-host plan --watch ... [--props P] [--line L]  the poll cycle, no PLC needed\n"
+    "\n"
+    "The loop: next frame from the driver, send it, collect the reply (until EOT,\n"
+    "the expected length or a timeout), hand it back. It prints every value\n"
+    "change (time, station, register, address, value), each write's outcome,\n"
+    "every retry and abandonment with its reason, link and PLC state changes,\n"
+    "and a summary. A value no good reply ever filled prints as unknown.\n"
+    "The PLC answers while good replies come; it is 'not answering' once frames\n"
+    "went unanswered for three poll cycles (at least one frame's tries times the\n"
+    "reply timeout plus a cycle, at least 1 s); values older than that are stale.\n"
+    "A poll cycle is every read block read once.\n"
+    "\n"
+    "read and write take the addresses as arguments (REG:ADDRESS[:COUNT],\n"
+    "REG:ADDRESS=VALUE), give up after --timeout and exit 0 only when every\n"
+    "value was read (every write landed); 1 otherwise, saying why; 2 on usage\n"
+    "errors. plan loads the driver, merges the watches and answers the frames\n"
+    "of one poll cycle itself: blocks, frames, bytes and line time per cycle at\n"
+    "--line, and the same for other maxPacketLen values.\n"
+    "\n"
     "The PLC is --tcp or --serial; xbc-plc-sim simulates one on loopback\n"
-    "(scripts/demo.sh starts it and this program together). The driver "
-    "library\n"
+    "(scripts/demo.sh starts it and this program together). The driver library\n"
     "is --driver, else XBC_DRIVER_LIBRARY, else the installed one (found from\n"
     "this program's place), else the one built with this program.\n\n"
     "Examples:\n"
-    "  xbc-host --tcp 127.0.0.1:PORT --watch D_W:100:10 --watch M_bit:35.3 "
-    "--write D_W:100=1234\n"
-    "  xbc-host --tcp 127.0.0.1:PORT --watch D_W:0 --trace --duration 3\n"
+    "  xbc-host read --tcp 127.0.0.1:PORT D_W:100:4 M_bit:35.3 --json\n"
+    "  xbc-host write --tcp 127.0.0.1:PORT D_W:100=1234 M_bit:35.3=1\n"
+    "  xbc-host plan --watch D_W:0:300 --watch M_W:10 --line 9600,8,EVEN,1\n"
+    "  xbc-host --tcp 127.0.0.1:PORT --watch D_W:100:10 --write D_W:100=1234 --log changes.csv\n"
     "  xbc-host --serial /dev/pts/5 --line 115200,8,NONE,1 --watch M_W:0:4";
 
 struct Options {
+    QCommandLineOption help{{QStringLiteral("h"), QStringLiteral("help")},
+                            QStringLiteral("Show this help.")};
     QCommandLineOption tcp{QStringLiteral("tcp"),
                            QStringLiteral("Connect to HOST:PORT (port 8000 when omitted)."),
                            QStringLiteral("HOST:PORT")};
@@ -88,7 +112,8 @@ struct Options {
                               QStringLiteral("DEVICE")};
     QCommandLineOption line{QStringLiteral("line"),
                             QStringLiteral("Serial line parameters BAUD,DATABITS,PARITY,STOPBITS "
-                                           "(default 115200,8,NONE,1)."),
+                                           "(default 115200,8,NONE,1). With --tcp: the line the "
+                                           "planned cycle time is figured for."),
                             QStringLiteral("PARAMS"), QStringLiteral("115200,8,NONE,1")};
     QCommandLineOption watch{
         QStringLiteral("watch"),
@@ -97,14 +122,18 @@ struct Options {
         QStringLiteral("REG:ADDRESS[:COUNT]")};
     QCommandLineOption write{
         QStringLiteral("write"),
-        QStringLiteral("Write VALUE once the first poll cycle is done: D_W:100=1234, "
+        QStringLiteral("Write VALUE once the first poll cycle is done (at once when "
+                       "nothing is watched) and print its outcome: D_W:100=1234, "
                        "M_bit:35.3=1; several comma-separated values fill consecutive "
                        "addresses (repeatable)."),
         QStringLiteral("REG:ADDRESS=VALUE")};
     QCommandLineOption props{QStringLiteral("props"),
                              QStringLiteral("Property string "
                                             "driverId#localWriteOnly#spare#retryTimes#maxPacketLen "
-                                            "(default 1#0#0#3#64)."),
+                                            "(default 1#0#0#3#64): five whole numbers. retryTimes "
+                                            "is the number of tries of a frame (0 and 1 both "
+                                            "mean one try); maxPacketLen the longest merged read "
+                                            "block."),
                              QStringLiteral("PROPS"), QStringLiteral("1#0#0#3#64")};
     QCommandLineOption trace{
         QStringLiteral("trace"),
@@ -135,6 +164,16 @@ struct Options {
                        "interrupted unless "
                        "--duration is given."),
         QStringLiteral("[ADDRESS:]PORT")};
+    QCommandLineOption log{QStringLiteral("log"),
+                           QStringLiteral("Record every printed value change in FILE.csv: "
+                                          "time,register,address,value (ISO 8601 local time)."),
+                           QStringLiteral("FILE.csv")};
+    QCommandLineOption timeout{
+        QStringLiteral("timeout"),
+        QStringLiteral("read and write: give up after this many seconds (default 5)."),
+        QStringLiteral("SECONDS"), QStringLiteral("5")};
+    QCommandLineOption json{QStringLiteral("json"),
+                            QStringLiteral("read: print the values as one JSON object.")};
     QCommandLineOption httpToken{
         QStringLiteral("http-token"),
         QStringLiteral("Access token the console requires of every request (made up and "
@@ -146,22 +185,32 @@ struct Options {
     void addTo(QCommandLineParser &parser) const
     {
         parser.setApplicationDescription(QLatin1String(DESCRIPTION));
-        parser.addHelpOption();
         parser.addOptions(all());
+        parser.addPositionalArgument(QStringLiteral("COMMAND"),
+                                     QStringLiteral("read, write or plan (none: the loop)."),
+                                     QStringLiteral("[read|write|plan] [ARGUMENTS...]"));
     }
 
     QList<QCommandLineOption> all() const
     {
-        return {tcp,   serial,   line,   watch,   write, props,
-                trace, duration, driver, capture, http,  httpToken};
+        return {help,     tcp, line,    serial, watch,  write,   props, trace,
+                duration, log, timeout, json,   driver, capture, http,  httpToken};
     }
 };
 
 // How long the loop runs and what it writes on the way.
 struct RunPlan {
+    enum Command { Loop, Read, Write, Plan };
+    Command command = Loop;
     int totalMs = 0;
+    QList<xbchost::WatchItem> watches;
     QList<xbchost::WriteItem> writes;
+    xbchost::OneShotOptions oneShot;
 };
+
+const QMap<QString, RunPlan::Command> COMMANDS = {{QStringLiteral("read"), RunPlan::Read},
+                                                  {QStringLiteral("write"), RunPlan::Write},
+                                                  {QStringLiteral("plan"), RunPlan::Plan}};
 
 // The driver library: --driver, else XBC_DRIVER_LIBRARY, else the installed
 // one where the install layout puts it relative to this program, else the one
@@ -198,27 +247,54 @@ bool loadDriverFor(xbchost::Host &host, const QString &path, QString *error)
     return true;
 }
 
-// Options that contradict each other or carry no usable value.
+// Seconds of an option as milliseconds; false when not a number >= 0.
+bool millisecondsOf(const QString &text, int &ms)
+{
+    bool ok = false;
+    const double seconds = text.toDouble(&ok);
+    if (!ok || seconds < 0)
+        return false;
+    ms = int(qMin(seconds * 1000.0, double(UNTIL_STOPPED_MS)));
+    return true;
+}
+
+// Which command, and options that contradict each other or carry no usable
+// value.
 QString checkOptions(const QCommandLineParser &parser, const Options &opt, RunPlan &plan)
 {
-    if (!parser.positionalArguments().isEmpty())
-        return QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().first());
+    QStringList args = parser.positionalArguments();
+    if (!args.isEmpty()) {
+        if (!COMMANDS.contains(args.first()))
+            return QStringLiteral("unknown command '%1' (read, write or plan)").arg(args.first());
+        plan.command = COMMANDS.value(args.takeFirst());
+    }
+    const bool oneShot = plan.command == RunPlan::Read || plan.command == RunPlan::Write;
+    if (!oneShot && !args.isEmpty())
+        return QStringLiteral("unexpected argument '%1'").arg(args.first());
+    if (oneShot && args.isEmpty())
+        return plan.command == RunPlan::Read
+                   ? QStringLiteral("read: give one ADDRESS or more")
+                   : QStringLiteral("write: give one ADDRESS=VALUE or more");
+    if (oneShot && (parser.isSet(opt.watch) || parser.isSet(opt.write)))
+        return QStringLiteral("read and write take their addresses as arguments, not --watch or "
+                              "--write");
+    if (plan.command == RunPlan::Plan && !parser.isSet(opt.watch))
+        return QStringLiteral("plan: give the watched addresses with --watch");
     if (parser.isSet(opt.tcp) && parser.isSet(opt.serial))
         return QStringLiteral("--tcp and --serial exclude each other");
-    if (parser.isSet(opt.line) && !parser.isSet(opt.serial))
-        return QStringLiteral("--line goes with --serial");
-    bool ok = false;
-    const double seconds = parser.value(opt.duration).toDouble(&ok);
-    if (!ok || seconds < 0)
+    if (!millisecondsOf(parser.value(opt.duration), plan.totalMs))
         return QStringLiteral("--duration: expected a number of seconds");
+    if (!millisecondsOf(parser.value(opt.timeout), plan.oneShot.timeoutMs) ||
+        plan.oneShot.timeoutMs == 0)
+        return QStringLiteral("--timeout: expected a number of seconds above 0");
+    plan.oneShot.json = parser.isSet(opt.json);
     // The console runs until interrupted unless a duration is given.
     const bool untilStopped = parser.isSet(opt.http) && !parser.isSet(opt.duration);
-    plan.totalMs = seconds > 0 && !untilStopped
-                       ? int(qMin(seconds * 1000.0, double(UNTIL_STOPPED_MS)))
-                       : UNTIL_STOPPED_MS;
+    if (plan.totalMs == 0 || untilStopped)
+        plan.totalMs = UNTIL_STOPPED_MS;
     PropertyNumbers numbers;
     if (parsePropertyString(parser.value(opt.props), numbers) != PROPERTIES_OK)
-        return QStringLiteral("--props '%1': expected five numbers separated by '#'")
+        return QStringLiteral("--props '%1': expected five whole numbers separated by '#'")
             .arg(parser.value(opt.props));
     return QString();
 }
@@ -227,18 +303,21 @@ QString checkOptions(const QCommandLineParser &parser, const Options &opt, RunPl
 QString readWatchesAndWrites(const QCommandLineParser &parser, const Options &opt,
                              xbchost::Host &host, RunPlan &plan)
 {
-    for (const QString &w : parser.values(opt.watch)) {
+    const QStringList args = parser.positionalArguments().mid(1);
+    const bool reads = plan.command == RunPlan::Read;
+    const bool writes = plan.command == RunPlan::Write;
+    for (const QString &w : reads ? args : parser.values(opt.watch)) {
         xbchost::WatchItem item;
         const QString error = xbchost::parseWatch(host, w, item);
         if (!error.isEmpty())
-            return QStringLiteral("--watch %1").arg(error);
-        xbchost::addWatch(host, item);
+            return reads ? error : QStringLiteral("--watch %1").arg(error);
+        plan.watches.append(item);
     }
-    for (const QString &w : parser.values(opt.write)) {
+    for (const QString &w : writes ? args : parser.values(opt.write)) {
         xbchost::WriteItem item;
         const QString error = xbchost::parseWrite(host, w, item);
         if (!error.isEmpty())
-            return QStringLiteral("--write %1").arg(error);
+            return writes ? error : QStringLiteral("--write %1").arg(error);
         plan.writes.append(item);
     }
     return QString();
@@ -246,17 +325,24 @@ QString readWatchesAndWrites(const QCommandLineParser &parser, const Options &op
 
 QString setUpLink(const QCommandLineParser &parser, const Options &opt, xbchost::LinkConfig &link)
 {
-    if (parser.isSet(opt.tcp))
+    xbchost::SerialLine line;
+    const QString lineError = xbchost::parseSerialLine(parser.value(opt.line), line);
+    if (!lineError.isEmpty())
+        return QStringLiteral("--line %1").arg(lineError);
+    if (parser.isSet(opt.tcp)) {
+        if (parser.isSet(opt.line))
+            link.planLine = parser.value(opt.line);
         return xbchost::parseTcpTarget(parser.value(opt.tcp), link);
+    }
     if (!parser.isSet(opt.serial))
         return QStringLiteral("no PLC to talk to: give --tcp HOST:PORT or --serial DEVICE "
                               "(xbc-plc-sim --port 0 simulates one on loopback)");
     link.kind = xbchost::LinkConfig::Serial;
     link.device = parser.value(opt.serial);
     link.line = parser.value(opt.line);
-    xbchost::SerialLine line;
-    const QString error = xbchost::parseSerialLine(link.line, line);
-    return error.isEmpty() ? QString() : QStringLiteral("--line %1").arg(error);
+    if (parser.isSet(opt.line))
+        link.planLine = link.line;
+    return QString();
 }
 
 QString startConsole(const QCommandLineParser &parser, const Options &opt, xbchost::Host &host,
@@ -274,35 +360,25 @@ QString startConsole(const QCommandLineParser &parser, const Options &opt, xbcho
     return QString();
 }
 
-QString valuesText(const QVector<int> &values)
-{
-    QStringList texts;
-    for (int v : values)
-        texts << QString::number(v);
-    return texts.join(QLatin1Char(','));
-}
-
 // Writes go after the first poll cycle, so the printed changes show the
-// PLC's values first and the written ones after.
+// PLC's values first and the written ones after; with nothing watched, at once.
 void runWrites(xbchost::Host &host, const RunPlan &plan)
 {
-    xbchost::runFor(host, UNTIL_STOPPED_MS, qMin(plan.totalMs, int(FIRST_CYCLE_WAIT_MS)),
-                    [&host]() {
-                        return stopped() || host.stats.pollCycles > 0 ||
-                               (host.readBlocks > 0 && host.stats.pollReads >= host.readBlocks);
-                    });
+    if (host.readBlocks > 0)
+        xbchost::runFor(host, UNTIL_STOPPED_MS, qMin(plan.totalMs, int(FIRST_CYCLE_WAIT_MS)),
+                        [&host]() { return stopped() || host.stats.pollReads >= host.readBlocks; });
     for (const xbchost::WriteItem &w : plan.writes) {
-        printOut(
-            QStringLiteral("write %1:%2 = %3").arg(w.regName, w.addressText, valuesText(w.values)));
+        printOut(xbchost::stampedText(
+            QStringLiteral("write %1:%2 = %3 queued")
+                .arg(w.regName, w.addressText, xbchost::valuesText(w.values))));
         xbchost::queueWriteItem(host, w);
     }
 }
 
-// The communication loop until the run's time is up or a signal stops it.
+// The communication loop until the run's time is up or a signal stops it;
+// queued writes get up to WRITE_SETTLE_MS more to settle.
 void run(xbchost::Host &host, const RunPlan &plan)
 {
-    std::signal(SIGINT, onSignal);
-    std::signal(SIGTERM, onSignal);
     QElapsedTimer clock;
     clock.start();
     if (!plan.writes.isEmpty())
@@ -310,43 +386,39 @@ void run(xbchost::Host &host, const RunPlan &plan)
     const qint64 left = plan.totalMs - clock.elapsed();
     if (left > 0)
         xbchost::runFor(host, UNTIL_STOPPED_MS, int(left), stopped);
+    if (!stopped() && !host.openWrites.isEmpty())
+        xbchost::runFor(host, UNTIL_STOPPED_MS, WRITE_SETTLE_MS,
+                        [&host]() { return stopped() || host.openWrites.isEmpty(); });
 }
 
-} // namespace
-
-int main(int argc, char **argv)
+// Parses the command line; --help prints the help. Every usage error says
+// what was wrong and exits EXIT_USAGE.
+bool parseCommandLine(QCommandLineParser &parser, const Options &opt, const QStringList &args,
+                      int &exitCode)
 {
-    QCoreApplication app(argc, argv);
-    QCoreApplication::setApplicationName(QStringLiteral("xbc-host"));
-    const Options opt;
-    QCommandLineParser parser;
     opt.addTo(parser);
-    parser.process(app);
+    if (!parser.parse(args)) {
+        exitCode = usageError(parser.errorText());
+        return false;
+    }
+    if (parser.isSet(opt.help)) {
+        std::fprintf(stdout, "%s", parser.helpText().toLocal8Bit().constData());
+        exitCode = EXIT_OK;
+        return false;
+    }
+    return true;
+}
 
-    RunPlan plan;
-    QString error = checkOptions(parser, opt, plan);
-    if (!error.isEmpty())
-        return usageError(error);
-    xbchost::Host host;
-    host.config.properties = parser.value(opt.props);
-    host.config.trace = parser.isSet(opt.trace);
-    host.config.printChanges = true;
-    host.config.cycleFloorMs = PANEL_CYCLE_MS;
-    const QString path = driverPath(parser.value(opt.driver));
-    if (!loadDriverFor(host, path, &error))
-        return fail(error);
-    error = readWatchesAndWrites(parser, opt, host, plan);
-    if (error.isEmpty())
-        error = setUpLink(parser, opt, host.link.config);
-    if (!error.isEmpty())
-        return usageError(error);
-
+// The loop (the default command): changes, write outcomes, the summary.
+int runLoop(xbchost::Host &host, const QCommandLineParser &parser, const Options &opt,
+            const RunPlan &plan, const QString &path)
+{
     printOut(QStringLiteral("driver %1 version %2, properties %3, %4 watched range(s)")
                  .arg(path, host.api.getVersion(), host.config.properties)
                  .arg(host.keys.size()));
     xbctrace::Capture capture;
     if (parser.isSet(opt.capture)) {
-        error = xbctrace::openCapture(capture, parser.value(opt.capture));
+        const QString error = xbctrace::openCapture(capture, parser.value(opt.capture));
         if (!error.isEmpty())
             return usageError(error);
         host.capture = &capture;
@@ -354,7 +426,7 @@ int main(int argc, char **argv)
     xbchost::startRun(host);
     xbchost::ConsoleHandle console;
     if (parser.isSet(opt.http)) {
-        error = startConsole(parser, opt, host, console);
+        const QString error = startConsole(parser, opt, host, console);
         if (!error.isEmpty())
             return usageError(error);
     }
@@ -365,5 +437,74 @@ int main(int argc, char **argv)
     printOut(xbchost::summaryText(host));
     xbchost::closeLink(host);
     xbctrace::closeCapture(capture);
-    return host.link.connects > 0 ? EXIT_OK : EXIT_NO_LINK;
+    const int unsettled = host.openWrites.size();
+    if (unsettled > 0)
+        std::fprintf(stderr, "xbc-host: %d write(s) had no outcome when the run ended\n",
+                     unsettled);
+    if (host.link.connects == 0)
+        return EXIT_NO_LINK;
+    return host.stats.writesFailed > 0 || unsettled > 0 ? EXIT_WRITE_FAILED : EXIT_OK;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    QCoreApplication app(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("xbc-host"));
+    const Options opt;
+    QCommandLineParser parser;
+    int exitCode = EXIT_OK;
+    if (!parseCommandLine(parser, opt, app.arguments(), exitCode))
+        return exitCode;
+
+    RunPlan plan;
+    QString error = checkOptions(parser, opt, plan);
+    if (!error.isEmpty())
+        return usageError(error);
+    xbchost::Host host;
+    host.config.properties = parser.value(opt.props);
+    host.config.trace = parser.isSet(opt.trace);
+    host.config.printChanges = plan.command == RunPlan::Loop;
+    host.config.printEvents = true;
+    host.config.cycleFloorMs = plan.command == RunPlan::Loop ? int(PANEL_CYCLE_MS) : 0;
+    const QString path = driverPath(parser.value(opt.driver));
+    if (!loadDriverFor(host, path, &error))
+        return fail(error);
+    error = readWatchesAndWrites(parser, opt, host, plan);
+    if (error.isEmpty() && plan.command != RunPlan::Plan)
+        error = setUpLink(parser, opt, host.link.config);
+    if (!error.isEmpty())
+        return usageError(error);
+    xbchost::LogFile log;
+    if (parser.isSet(opt.log)) {
+        error = xbchost::openLog(log, parser.value(opt.log));
+        if (!error.isEmpty())
+            return usageError(error);
+        host.log = &log;
+    }
+    std::signal(SIGINT, onSignal);
+    std::signal(SIGTERM, onSignal);
+
+    switch (plan.command) {
+    case RunPlan::Read:
+        exitCode = xbchost::readOnce(host, plan.watches, plan.oneShot);
+        break;
+    case RunPlan::Write:
+        exitCode = xbchost::writeAndWait(host, plan.writes, plan.oneShot);
+        break;
+    case RunPlan::Plan:
+        for (const xbchost::WatchItem &w : plan.watches)
+            xbchost::addWatch(host, w);
+        exitCode = xbchost::printPlan(host, host.config.properties, parser.value(opt.line));
+        break;
+    case RunPlan::Loop:
+        for (const xbchost::WatchItem &w : plan.watches)
+            xbchost::addWatch(host, w);
+        exitCode = runLoop(host, parser, opt, plan, path);
+        break;
+    }
+    xbchost::closeLink(host);
+    xbchost::closeLog(log);
+    return exitCode;
 }

@@ -32,15 +32,34 @@ double cyclePeriodMs(const Host &host)
     return qMax(busy, double(host.config.cycleFloorMs));
 }
 
+// A record of a bit register is covered by the words of its word register.
+bool covers(const Coverage &c, int station, const QString &regName, int address)
+{
+    if (c.stationNo != station)
+        return false;
+    if (c.regName == regName)
+        return address >= c.first && address - c.first < c.count;
+    return !c.bitRegName.isEmpty() && c.bitRegName == regName && address >= 0 &&
+           address / WORD_BITS >= c.first && address / WORD_BITS - c.first < c.count;
+}
+
 qint64 lastCoveredMs(const Host &host, int station, const QString &regName, int address)
 {
     qint64 last = -1;
     for (const Coverage &c : host.coverage) {
-        if (address >= c.first && address - c.first < c.count && c.stationNo == station &&
-            c.regName == regName)
+        if (covers(c, station, regName, address))
             last = qMax(last, c.lastGoodMs);
     }
     return last;
+}
+
+// "M_bit" for "M_W" when the driver has such a bit register.
+QString bitRegisterOfWords(const Host &host, const QString &regName)
+{
+    if (!regName.endsWith(QLatin1String("_W")))
+        return QString();
+    const QString bits = regName.chopped(2) + QLatin1String("_bit");
+    return isBitRegister(host, bits) ? bits : QString();
 }
 
 } // namespace
@@ -55,17 +74,18 @@ void noteCoverage(Host &host, int station, const QString &regName, int first, in
             return;
         }
     }
-    host.coverage.append(Coverage{station, regName, first, count, now});
+    host.coverage.append(
+        Coverage{station, regName, first, count, now, bitRegisterOfWords(host, regName)});
 }
 
 void noteGoodRead(Host &host, const FRAME_PRO &f)
 {
-    const VARIABLE &v = f.var;
-    if (bitOfWord(v.regName))
-        noteCoverage(host, v.stationNo, v.regName, v.address / WORD_BITS * WORD_BITS,
-                     f.wordCount * WORD_BITS);
-    else
-        noteCoverage(host, v.stationNo, v.regName, v.address, f.wordCount);
+    noteCoverage(host, f.var.stationNo, f.var.regName, f.var.address, f.wordCount);
+}
+
+bool isCovered(const Host &host, int station, const QString &regName, int address)
+{
+    return lastCoveredMs(host, station, regName, address) >= 0;
 }
 
 LinkState linkState(const Host &host)

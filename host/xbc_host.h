@@ -162,6 +162,9 @@ struct Coverage {
     int first = 0;
     int count = 0;
     qint64 lastGoodMs = -1;
+    // The bit register whose bits these words hold ("M_bit" of "M_W": bit
+    // registers are read as their words); empty when none.
+    QString bitRegName;
 };
 
 // --log FILE.csv: the change log.
@@ -190,7 +193,10 @@ struct HostConfig {
     int pollIntervalMs = 20;
     int cycleFloorMs = 0; // shortest poll cycle; 0 polls as fast as the link goes
     bool trace = false;
-    bool printChanges = false;
+    bool printChanges = false; // value changes on stdout
+    // Time-stamped events: write outcomes (stdout when landed), retries and
+    // abandonments with their reasons, the PLC falling silent (stderr).
+    bool printEvents = false;
     std::function<void(const QString &)> print; // default: stdout
     std::function<void(const QString &)> warn;  // default: stderr
     // Observers such as the browser console: every trace line (printed or
@@ -253,8 +259,10 @@ struct Host {
     int failStreak = 0;     // bad replies in a row to the frame in flight
     bool receiving = false; // inside intf_dealRcvFrame: notes wait for its outcome
     QList<Notification> heldNotes;
-    QByteArray reply;    // kept from exchange to exchange: no allocation each time
-    QString description; // the driver's text of the request in flight
+    QByteArray reply;        // kept from exchange to exchange: no allocation each time
+    QString description;     // the driver's text of the request in flight
+    QString lastProblem;     // the last retry or abandonment line, with its reason
+    QString lastLinkProblem; // the last link message
 };
 
 // Register kind as the driver reports it (bit registers, TX and CX).
@@ -350,6 +358,7 @@ double measuredCycleMs(const Host &host);
 void noteGoodRead(Host &host, const FRAME_PRO &frame);
 void noteCoverage(Host &host, int station, const QString &regName, int first, int count);
 bool plcSilent(const Host &host); // frames unanswered for longer than staleAfterMs
+bool isCovered(const Host &host, int station, const QString &regName, int address);
 void logChange(LogFile &log, const Notification &note, const QString &value);
 
 // Why a reply was refused, in words, from the frame in flight and the bytes
@@ -378,6 +387,25 @@ struct CyclePlan {
 QString planCycle(Host &host, const QString &properties, CyclePlan &out);
 // "maxPacketLen" replaced in a property string.
 QString withMaxPacketLen(const QString &properties, int maxPacketLen);
+
+// ---------------------------------------------------------------------------
+// One-shot commands (oneshot.cpp). Driver loaded, link configured; they
+// print to stdout, say why on stderr and return the exit status.
+
+enum { ONE_SHOT_OK = 0, ONE_SHOT_FAILED = 1 };
+struct OneShotOptions {
+    int timeoutMs = 5000;
+    bool json = false;
+};
+// Reads every read block once and prints each value: known, "unknown" (no
+// good reply filled it) or stale with its age. Fails unless all are known.
+int readOnce(Host &host, const QList<WatchItem> &items, const OneShotOptions &options);
+// Queues the writes at once and waits for each outcome. Fails unless all landed.
+int writeAndWait(Host &host, const QList<WriteItem> &items, const OneShotOptions &options);
+// The poll cycle of host.keys as the driver plans it, at properties and the
+// serial line settings, then the same figures for PLANNED_PACKET_LENGTHS.
+int printPlan(Host &host, const QString &properties, const QString &line);
+constexpr int PLANNED_PACKET_LENGTHS[] = {8, 16, 32, 64, 127};
 
 // Line time: start bit, data bits, parity bit, stop bits per character.
 double bitsPerCharacter(const SerialLine &line);
