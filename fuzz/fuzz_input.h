@@ -39,7 +39,7 @@ struct FuzzInput {
     size_t size;
     size_t pos = 0;
 
-    bool empty() const
+    bool atEnd() const
     {
         return pos >= size;
     }
@@ -165,10 +165,10 @@ inline void fuzzReleaseDriver()
     QVector<_RCP_VAR_PRO> none;
     intf_setRcpAddress(&none);
     int initStatus = 1;
+    // A new run also numbers its areas afresh, so the names an input invents
+    // do not pile up: each input starts from a fresh driver and a finding
+    // replays alone.
     intf_initProperty(fuzzStatusBlock(), 0, nullptr, &initStatus, "", nullptr);
-    // Area numbers outlive a reset and grow with every new name an input
-    // invents: each input starts from a fresh driver, so a finding replays alone.
-    driverPrivate.dataAreaIndex.areaNumbers.clear();
 }
 
 #endif

@@ -87,7 +87,7 @@ inline void receiveSetUp(FuzzInput &in)
         keys.append(fuzzKey(in));
     intf_addrMerge(&keys);
 
-    for (int n = quint16(in.int16()) % (MAX_WRITES + 1); n > 0 && !in.empty(); --n)
+    for (int n = quint16(in.int16()) % (MAX_WRITES + 1); n > 0 && !in.atEnd(); --n)
         fuzzWrite(in);
     for (int n = in.byte() % 3; n > 0; --n)
         intf_addConditionRead(fuzzKey(in), in.byte());
@@ -176,7 +176,7 @@ inline void receiveTurn(FuzzInput &in)
 inline void receiveOneInput(FuzzInput &in)
 {
     receiveSetUp(in);
-    for (int turn = 0; turn < MAX_EXCHANGES && !in.empty(); ++turn) {
+    for (int turn = 0; turn < MAX_EXCHANGES && !in.atEnd(); ++turn) {
         receiveAction(in);
         receiveTurn(in);
     }

@@ -55,11 +55,16 @@ int addr_str2int(const QString &text, const QString &regName)
     return int(quint32(word) * 16u + quint32(bit));
 }
 
+static QString wordBitText(int value)
+{
+    return QString::number(value / 16) + QLatin1Char('.') + QString::number(value % 16);
+}
+
 QString addr_int2str(int value, const QString &regName)
 {
     if (!registerOf(regName).bitInWord)
         return QString(QLatin1String(""));
-    return QString::number(value / 16) + QLatin1Char('.') + QString::number(value % 16);
+    return wordBitText(value);
 }
 
 int addrOffset(const QString &regName, int value)
@@ -68,15 +73,17 @@ int addrOffset(const QString &regName, int value)
     return value;
 }
 
-unsigned int getRegAddressWeight(int station, const QString &regName, int value)
+unsigned int addressWeight(int station, int position, int value, int registerCount)
 {
-    return addressWeight(station, int(driver.regNameList.indexOf(regName)), value);
+    const quint32 n = quint32(registerCount);
+    return quint32(station) * (n * 65535u) + quint32(position) * 65535u + quint32(value);
 }
 
-unsigned int addressWeight(int station, int position, int value)
+QString addressText(const Register &reg, int value)
 {
-    const quint32 n = quint32(driver.regNameList.size());
-    return quint32(station) * (n * 65535u) + quint32(position) * 65535u + quint32(value);
+    if (reg.bitInWord)
+        return wordBitText(value);
+    return formatPlainAddress(ADDRESS_RANGE_PRO[reg.row][COL_FORMAT], value);
 }
 
 int uchar2int16(unsigned char low, unsigned char high)

@@ -64,67 +64,58 @@ static void writeFrameHead(unsigned char *frame, char command, char letter, int 
     frame[FRAME_RESERVED + 1] = '0';
 }
 
-// Bits go on the wire as the words that hold them.
-static int wireWordNumber(const VARIABLE &var)
-{
-    return registerOf(var.regName).wireBits() ? var.address / WIRE_WORD_BITS : var.address;
-}
-
 static int wordWriteLength(int words)
 {
     return FRAME_DATA + 4 * words + FRAME_TRAILER;
 }
 
-void handShakeFrame()
+FRAME_PRO handShakeFrame()
 {
     FRAME_PRO frame;
     frame.var.regName = QLatin1String("");
-    driver.sendList.append(frame);
+    return frame;
 }
 
-// One read frame for at most MAX_WORDS_PER_FRAME words.
-static void queueReadFrame(const VARIABLE &var)
+// One read frame for `words` words (at most MAX_WORDS_PER_FRAME) from word
+// `wordNumber`, on behalf of `var`.
+static void appendReadFrame(QList<FRAME_PRO> &out, char letter, int wordNumber, int words,
+                            const VARIABLE &var)
 {
     FRAME_PRO frame;
-    writeFrameHead(frame.frame, 'r', registerOf(var.regName).letter, wireWordNumber(var));
-    putHexPair(frame.frame + FRAME_COUNT, (unsigned char)((var.count * 2) & 0xFF));
+    writeFrameHead(frame.frame, 'r', letter, wordNumber);
+    putHexPair(frame.frame + FRAME_COUNT, (unsigned char)((words * 2) & 0xFF));
     sealFrame(frame.frame, READ_FRAME_LEN);
     frame.frameLen = READ_FRAME_LEN;
-    frame.replyLen = var.count * 4 + REPLY_OVERHEAD;
+    frame.replyLen = words * 4 + REPLY_OVERHEAD;
     frame.dataPos = REPLY_DATA;
-    frame.wordCount = var.count;
+    frame.wordCount = words;
     frame.var = var;
-    driver.sendList.append(frame);
+    out.append(frame);
 }
 
-// Units a piece of `words` words advances the address by in the request's own units.
-static int unitsPerWord(const VARIABLE &var)
+int getReadFrame(const Register &reg, const VARIABLE &request, QList<FRAME_PRO> &out)
 {
-    return registerOf(var.regName).bitInWord ? WIRE_WORD_BITS : 1;
-}
-
-int getReadFrame(QList<VARIABLE> vars)
-{
-    if (vars.isEmpty())
-        return 0;
-    VARIABLE var = vars.first();
-    if (registerOf(var.regName).letter == 0 || var.count < 1)
+    if (reg.letter == 0 || request.count < 1)
         return 0;
     // A block longer than one frame can describe is read as several frames,
     // each decoded into its own records.
-    const int total = qMin(var.count, MAX_WORDS_PER_READ);
-    const int step = unitsPerWord(var);
-    const int start = var.address;
+    VARIABLE var = request;
+    const int total = qMin(request.count, MAX_WORDS_PER_READ);
+    // Units a frame of words advances the address by, in the request's own units.
+    const int step = reg.bitInWord ? WIRE_WORD_BITS : 1;
     for (int done = 0; done < total; done += MAX_WORDS_PER_FRAME) {
         // Wrapping like the records it fills: a block near INT_MAX stays defined.
-        var.address = int(quint32(start) + quint32(done) * quint32(step));
+        var.address = int(quint32(request.address) + quint32(done) * quint32(step));
         var.count = qMin(MAX_WORDS_PER_FRAME, total - done);
-        queueReadFrame(var);
+        // Bits go on the wire as the words that hold them.
+        const int word = reg.wireBits() ? var.address / WIRE_WORD_BITS : var.address;
+        appendReadFrame(out, reg.letter, word, var.count, var);
     }
     return 1;
 }
 
-static void queueWriteRecord(FRAME_PRO &frame, const VARIABLE &request, int frameLen)
+static void appendWriteRecord(QList<FRAME_PRO> &out, FRAME_PRO &frame, const VARIABLE &request,
+                              int frameLen)
 {
     sealFrame(frame.frame, frameLen);
     frame.frameLen = frameLen;
@@ -132,23 +123,23 @@ static void queueWriteRecord(FRAME_PRO &frame, const VARIABLE &request, int fram
     frame.dataPos = 0;
     frame.wordCount = 0;
     frame.var = request;
-    driver.sendList.append(frame);
+    out.append(frame);
 }
 
-static void queueWordWrite(const VARIABLE &request)
+static void appendWordWrite(QList<FRAME_PRO> &out, char letter, const VARIABLE &request)
 {
     FRAME_PRO frame;
     const int n = request.count;
-    writeFrameHead(frame.frame, 'w', registerOf(request.regName).letter, request.address);
+    writeFrameHead(frame.frame, 'w', letter, request.address);
     putHexPair(frame.frame + FRAME_COUNT, (unsigned char)((n * 2) & 0xFF));
     for (int i = 0; i < 2 * n; ++i)
         putHexPair(frame.frame + FRAME_DATA + 2 * i, request.data[i]);
-    queueWriteRecord(frame, request, wordWriteLength(n));
+    appendWriteRecord(out, frame, request, wordWriteLength(n));
 }
 
 // Word writes longer than one frame are cut into frames of at most 127 words;
 // each frame carries its own piece so that each reply settles its own words.
-static int queueWordWrites(const VARIABLE &request)
+static int appendWordWrites(QList<FRAME_PRO> &out, char letter, const VARIABLE &request)
 {
     int frames = 0;
     for (int done = 0; done < request.count; done += MAX_WORDS_PER_FRAME) {
@@ -156,26 +147,25 @@ static int queueWordWrites(const VARIABLE &request)
         piece.address = request.address + done;
         piece.count = qMin(MAX_WORDS_PER_FRAME, request.count - done);
         memmove(piece.data, request.data + 2 * done, size_t(2 * piece.count));
-        queueWordWrite(piece);
+        appendWordWrite(out, letter, piece);
         ++frames;
     }
     return frames;
 }
 
-static void queueSingleBitWrite(const VARIABLE &request)
+static void appendSingleBitWrite(QList<FRAME_PRO> &out, char letter, const VARIABLE &request)
 {
     FRAME_PRO frame;
     const bool set = request.data[0] != 0;
-    writeFrameHead(frame.frame, set ? 'o' : 'n', registerOf(request.regName).letter,
-                   request.address / WIRE_WORD_BITS);
+    writeFrameHead(frame.frame, set ? 'o' : 'n', letter, request.address / WIRE_WORD_BITS);
     const quint16 bit = quint16(1u << (request.address % WIRE_WORD_BITS));
     putHex16(frame.frame + FRAME_COUNT, set ? bit : quint16(~bit));
-    queueWriteRecord(frame, request, BIT_FRAME_LEN);
+    appendWriteRecord(out, frame, request, BIT_FRAME_LEN);
 }
 
 // Contacts have no word form with an area letter: several of them are written
 // one frame per contact, in address order, each frame carrying its own bit.
-static int queueContactWrites(const VARIABLE &request)
+static int appendContactWrites(QList<FRAME_PRO> &out, char letter, const VARIABLE &request)
 {
     for (int i = 0; i < request.count; ++i) {
         VARIABLE bit = request;
@@ -183,31 +173,27 @@ static int queueContactWrites(const VARIABLE &request)
         bit.count = 1;
         memset(bit.data, 0, sizeof bit.data);
         bit.data[0] = request.data[i];
-        queueSingleBitWrite(bit);
+        appendSingleBitWrite(out, letter, bit);
     }
     return request.count;
 }
 
 // Several bits of a word register: read the words, then write them back with
 // the bits merged in (the data are filled in when the read reply arrives).
-static int queueReadModifyWrite(const VARIABLE &request)
+static int appendReadModifyWrite(QList<FRAME_PRO> &out, const Register &reg,
+                                 const VARIABLE &request)
 {
-    VARIABLE words = request;
-    const UnitRun run = unitRunOfBits(request.address, request.count, WIRE_WORD_BITS);
-    words.regName = registerOf(request.regName).readName;
-    words.address = run.address;
-    words.count = run.count;
-    const char letter = registerOf(words.regName).letter;
+    const UnitRun words = unitRunOfBits(request.address, request.count, WIRE_WORD_BITS);
+    const char letter = reg.readLetter;
     if (letter == 0 || words.count > MAX_WORDS_PER_FRAME)
         return 0;
-    queueReadFrame(words);
-    driver.sendList.last().var = request;
+    appendReadFrame(out, letter, words.address, words.count, request);
 
     FRAME_PRO write;
     writeFrameHead(write.frame, 'w', letter, words.address);
     putHexPair(write.frame + FRAME_COUNT, (unsigned char)((words.count * 2) & 0xFF));
     memset(write.frame + FRAME_DATA, '0', size_t(4 * words.count));
-    queueWriteRecord(write, request, wordWriteLength(words.count));
+    appendWriteRecord(out, write, request, wordWriteLength(words.count));
     return 2;
 }
 
@@ -219,8 +205,7 @@ bool completeReadModifyWrite(FRAME_PRO &write, const QByteArray &reply, int word
         return false;
     QVector<quint16> merged(words);
     for (int j = 0; j < words; ++j)
-        merged[j] =
-            quint16(uchar2int16(asc2hex(reply, start + 4 * j), asc2hex(reply, start + 4 * j + 2)));
+        merged[j] = replyWord(reply, start, j);
     for (int i = 0; i < request.count && i < DATA_BYTES; ++i) {
         const int b = request.address % WIRE_WORD_BITS + i;
         if (b / WIRE_WORD_BITS >= words)
@@ -236,23 +221,32 @@ bool completeReadModifyWrite(FRAME_PRO &write, const QByteArray &reply, int word
     return true;
 }
 
-int getWriteFrame(VARIABLE &request)
+int getWriteFrame(const Register &reg, const VARIABLE &request, QList<FRAME_PRO> &out)
 {
-    const Register reg = registerOf(request.regName);
     if (reg.letter == 0 || request.count < 1)
         return 0;
     // Addresses below 0 or past INT_MAX have no bit or word number on the wire.
     if (request.address < 0 || request.address > INT_MAX - request.count)
         return 0;
     if (!reg.wireBits())
-        return queueWordWrites(request);
+        return appendWordWrites(out, reg.letter, request);
     if (request.count > DATA_BYTES)
         return 0;
     if (request.count == 1) {
-        queueSingleBitWrite(request);
+        appendSingleBitWrite(out, reg.letter, request);
         return 1;
     }
     if (!reg.bitInWord)
-        return queueContactWrites(request);
-    return queueReadModifyWrite(request);
+        return appendContactWrites(out, reg.letter, request);
+    return appendReadModifyWrite(out, reg, request);
+}
+
+quint16 replyWord(const QByteArray &reply, int start, int k)
+{
+    return quint16(uchar2int16(asc2hex(reply, start + 4 * k), asc2hex(reply, start + 4 * k + 2)));
+}
+
+unsigned char replyBit(const QByteArray &reply, int start, int bit)
+{
+    return (asc2hex(reply, start + 2 * (bit / 8)) >> (bit % 8)) & 1;
 }

@@ -54,6 +54,14 @@ static QString readNameOf(const QString &regName, int unitBits)
     return parts.at(0) + QLatin1String(suffix);
 }
 
+// The memory-area letter of a register of the table; 0 for other names.
+static char letterOf(int index)
+{
+    if (index < 0 || ADDRESS_RW_COMMAND[index].isEmpty())
+        return 0;
+    return ADDRESS_RW_COMMAND[index].at(0).toLatin1();
+}
+
 static Register modelOf(const QString &regName)
 {
     Register r;
@@ -62,12 +70,13 @@ static Register modelOf(const QString &regName)
     r.dataBits = ADDRESS_RANGE_PRO[r.row][COL_DATA_BITS].toInt();
     r.unitBits = ADDRESS_RANGE_PRO[r.row][COL_UNIT_BITS].toInt();
     r.bitInWord = regName.contains(QLatin1String("_bit"));
-    r.contact = regName == QLatin1String("TX") || regName == QLatin1String("CX");
-    if (r.index >= 0 && !ADDRESS_RW_COMMAND[r.index].isEmpty())
-        r.letter = ADDRESS_RW_COMMAND[r.index].at(0).toLatin1();
+    // One-bit values in one-bit units: each bit is a record of its own.
+    r.contact = r.index >= 0 && r.dataBits == 1 && r.unitBits == 1;
+    r.letter = letterOf(r.index);
     r.kind = kindOf(r.bitInWord, r.dataBits, r.unitBits);
     r.area = r.kind == MAP_PER_BIT ? regName : prefixOf(regName);
     r.readName = readNameOf(regName, r.unitBits);
+    r.readLetter = letterOf(getIndexFromRegName(r.readName));
     return r;
 }
 

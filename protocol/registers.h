@@ -25,8 +25,10 @@ struct Register {
     int dataBits = 0;       // bits of one value
     int unitBits = 0;       // bits of the unit its values are packed into in the image
     bool bitInWord = false; // a "_bit" register: bits of a word area, addressed word.bit
-    bool contact = false;   // "TX" or "CX": bits with an area letter of their own
+    bool contact = false;   // a table register of one-bit units ("TX", "CX"): bits
+                            // with an area letter of their own
     char letter = 0;        // memory-area letter of its frames; 0 when it has none
+    char readLetter = 0;    // the letter of `readName`, which its word reads go out as
     MappingKind kind = MAP_NONE;
     QString area;     // area name of its records: "M" for "M_W" and "M_bit"; the
                       // whole name for a register of one record per bit

@@ -1,13 +1,11 @@
 // Checks a reply against the frame in flight.
 #include "xbc_protocol.h"
 
-int check_rcv_data(const unsigned char *buf, QList<VARIABLE> vars, int len)
+int check_rcv_data(const unsigned char *buf, const FRAME_PRO *inFlight, int len)
 {
-    Q_UNUSED(vars);
-    if (driver.sendList.isEmpty() || buf == nullptr)
+    if (inFlight == nullptr || buf == nullptr)
         return REPLY_BAD;
-    const FRAME_PRO &head = driver.sendList.first();
-    if (head.replyLen <= 4 || len < 4 || len > 0xFFFF)
+    if (inFlight->replyLen <= 4 || len < 4 || len > 0xFFFF)
         return REPLY_BAD;
     if (buf[0] != ACK || buf[len - 1] != EOT)
         return REPLY_BAD;
@@ -16,5 +14,5 @@ int check_rcv_data(const unsigned char *buf, QList<VARIABLE> vars, int len)
     putHexPair(expected, (unsigned char)(sum & 0xFF));
     if (buf[len - 3] != expected[0] || buf[len - 2] != expected[1])
         return REPLY_BAD;
-    return head.wordCount != 0 ? REPLY_READ_DATA : REPLY_WRITE_ACK;
+    return inFlight->wordCount != 0 ? REPLY_READ_DATA : REPLY_WRITE_ACK;
 }

@@ -116,16 +116,12 @@ int recordIndex(const AreaRecords &area, int address)
     return slot.record;
 }
 
-int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list)
+_DATA_ &recordAt(const AreaRecords &area, int address, int *index)
 {
-    if (&list == &driver.dataAreas)
-        return recordIndex(areaRecords(stationNo, name), address);
-    for (int i = 0; i < list.size(); ++i) {
-        const _DATA_ &r = list.at(i);
-        if (r.stationNo == stationNo && r.name == name && r.address == address)
-            return i;
-    }
-    return appendRecord(stationNo, name, address, list);
+    const int i = recordIndex(area, address);
+    if (index != nullptr)
+        *index = i;
+    return driver.dataAreas[i];
 }
 
 // A new run numbers its areas afresh: no lookup of the old run is under way.

@@ -5,39 +5,34 @@
 QString getErrorInfo(QByteArray reply)
 {
     const VARIABLE &var = driver.sendList.first().var;
-    const int index = getIndexFromRegName(var.regName);
-    if (index < 0)
+    if (driverPrivate.inFlight == nullptr)
         return QString();
-    QString addressText = addr_int2str(var.address, var.regName);
-    if (addressText.isEmpty())
-        addressText = formatPlainAddress(ADDRESS_RANGE_PRO[index][COL_FORMAT], var.address);
     return QString::fromLatin1("%1#%2%3(%4)(%5)")
-        .arg(QString::number(var.stationNo), var.regName, addressText, QString::number(var.count),
+        .arg(QString::number(var.stationNo), var.regName,
+             addressText(*driverPrivate.inFlight, var.address), QString::number(var.count),
              QString::number(reply.size()));
 }
 
 // ---------------------------------------------------------------------------
 // Decoding.
 
-static void decodeWords(const QByteArray &reply, int count, int start, const VARIABLE &var)
+static void decodeWords(const Register &reg, const QByteArray &reply, int count, int start,
+                        const VARIABLE &var)
 {
-    const Register reg = registerOf(var.regName);
     // A bit-addressed read (a recipe block of a bit register) reads the words
     // that hold its bits: its records are keyed by word number.
     const int firstWord = reg.bitInWord ? var.address / WIRE_WORD_BITS : var.address;
     const QVector<int> records = dataAreaRun(var.stationNo, reg.area, firstWord, count);
     for (int k = 0; k < count; ++k) {
-        const unsigned char lo = asc2hex(reply, start + 4 * k);
-        const unsigned char hi = asc2hex(reply, start + 4 * k + 2);
+        const quint16 word = replyWord(reply, start, k);
         const int index = records.at(k);
         _DATA_ &r = driver.dataAreas[index];
-        int newValue = uchar2int16(lo, hi);
+        int newValue = word;
         int oldValue = uchar2int16(r.value[0], r.value[1]);
-        r.value[0] = lo;
-        r.value[1] = hi;
+        r.value[0] = (unsigned char)(word & 0xFF);
+        r.value[1] = (unsigned char)(word >> 8);
         if (newValue != oldValue) {
-            if (!(r.pendingBitWrites != 0 && !driver.writeList.isEmpty()))
-                r.writePending = false;
+            polledWordChanged(r);
             _wordDataChange(&oldValue, &newValue, index, 0);
         }
     }
@@ -49,14 +44,14 @@ static void decodeContacts(const QByteArray &reply, int count, int start, const 
         return;
     const QVector<int> records = dataAreaRun(var.stationNo, var.regName, var.address, count);
     for (int k = 0; k < count; ++k) {
-        const int b = var.address % WIRE_WORD_BITS + k; // from bit 0 of the first word read
-        const unsigned char bit = (asc2hex(reply, start + 2 * (b / 8)) >> (b % 8)) & 1;
+        // Counted from bit 0 of the first word read.
+        const unsigned char bit = replyBit(reply, start, var.address % WIRE_WORD_BITS + k);
         const int index = records.at(k);
         _DATA_ &r = driver.dataAreas[index];
         const bool changed = r.value[0] != bit;
         r.value[0] = bit;
         if (changed) {
-            r.writePending = false;
+            polledContactChanged(r);
             _bitDataChange(index);
         }
     }
@@ -75,26 +70,28 @@ static void completeBitWrite(const QByteArray &reply, int count, int start, cons
 // The bytes of one recipe unit in this frame's reply, false when another frame
 // carries it. A bit register's unit is one bit, given as a whole buffer word
 // holding 0 or 1, as its download takes it; a word register's unit is a word.
-static bool recipeUnit(const QByteArray &reply, int count, int start, const VARIABLE &var,
-                       qint64 unit, unsigned char bytes[2])
+static bool recipeUnit(const Register &reg, const QByteArray &reply, int count, int start,
+                       const VARIABLE &var, qint64 unit, unsigned char bytes[2])
 {
-    if (registerOf(var.regName).wireBits()) {
+    if (reg.wireBits()) {
         const qint64 bit = unit - qint64(var.address / WIRE_WORD_BITS) * WIRE_WORD_BITS;
         if (var.address < 0 || bit < 0 || bit >= qint64(count) * WIRE_WORD_BITS)
             return false;
-        bytes[0] = (asc2hex(reply, start + 2 * int(bit / 8)) >> (bit % 8)) & 1;
+        bytes[0] = replyBit(reply, start, int(bit));
         bytes[1] = 0;
         return true;
     }
     const qint64 rel = unit - var.address; // a block read as several frames
     if (rel < 0 || rel >= count)
         return false;
-    bytes[0] = asc2hex(reply, start + int(rel) * 4);
-    bytes[1] = asc2hex(reply, start + int(rel) * 4 + 2);
+    const quint16 word = replyWord(reply, start, int(rel));
+    bytes[0] = (unsigned char)(word & 0xFF);
+    bytes[1] = (unsigned char)(word >> 8);
     return true;
 }
 
-static void fillRecipeBuffer(const QByteArray &reply, int count, int start, const VARIABLE &var)
+static void fillRecipeBuffer(const Register &reg, const QByteArray &reply, int count, int start,
+                             const VARIABLE &var)
 {
     const int block = driver.rcpIndex;
     if (driver.rcpBuffer == nullptr || block < 0 || block >= driver.blockStartList.size())
@@ -107,7 +104,8 @@ static void fillRecipeBuffer(const QByteArray &reply, int count, int start, cons
         for (int j = 0; j < r.count; ++j) {
             const qint64 word = qint64(r.bufferIndex) + j;
             unsigned char bytes[2];
-            if (word < 0 || !recipeUnit(reply, count, start, var, qint64(r.address) + j, bytes))
+            if (word < 0 ||
+                !recipeUnit(reg, reply, count, start, var, qint64(r.address) + j, bytes))
                 continue;
             driver.rcpBuffer[word * 2] = bytes[0];
             driver.rcpBuffer[word * 2 + 1] = bytes[1];
@@ -116,42 +114,33 @@ static void fillRecipeBuffer(const QByteArray &reply, int count, int start, cons
     }
 }
 
-void analyzeFrameOfVal(QByteArray reply, int count, int start, VARIABLE var)
+void analyzeFrameOfVal(const Register &reg, const QByteArray &reply, int count, int start,
+                       const VARIABLE &var)
 {
-    const Register reg = registerOf(var.regName);
     const bool bitWrite = driver.sendState == SEND_WRITE || driver.sendState == SEND_RECIPE_WRITE;
     if (bitWrite && reg.bitInWord) {
         completeBitWrite(reply, count, start, var);
         return;
     }
     if (reg.unitBits == 16)
-        decodeWords(reply, count, start, var);
+        decodeWords(reg, reply, count, start, var);
     else if (reg.unitBits == 1)
         decodeContacts(reply, count, start, var);
     if (driver.sendState == SEND_RECIPE_READ)
-        fillRecipeBuffer(reply, count, start, var);
+        fillRecipeBuffer(reg, reply, count, start, var);
 }
 
-int dealReadFrameReturnSaveData(QByteArray reply)
+int dealReadFrameReturnSaveData(const QByteArray &reply)
 {
     const FRAME_PRO &head = driver.sendList.first();
-    analyzeFrameOfVal(reply, head.wordCount, head.dataPos, head.var);
+    // Only frames of a register of the table carry data.
+    if (driverPrivate.inFlight != nullptr)
+        analyzeFrameOfVal(*driverPrivate.inFlight, reply, head.wordCount, head.dataPos, head.var);
     return 0;
 }
 
 // ---------------------------------------------------------------------------
 // Receiving.
-
-// Every write frame still queued settles its own piece as failed; a two-frame
-// bit write is settled once, by its write frame.
-static void failQueuedWrites()
-{
-    for (const FRAME_PRO &frame : driver.sendList) {
-        if (frame.wordCount == 0)
-            _write_FailOrSuc(frame.var.stationNo, frame.var.regName, frame.var.address,
-                             frame.var.count, 0);
-    }
-}
 
 static int retireHead()
 {
@@ -170,7 +159,7 @@ int intf_dealRcvFrame(QByteArray &reply, QString &errorText)
         return RECEIVE_NO_FRAME;
     errorText = getErrorInfo(reply);
     const int r = check_rcv_data(reinterpret_cast<const unsigned char *>(reply.constData()),
-                                 driver.curReadVars, reply.size());
+                                 &driver.sendList.first(), reply.size());
     if (r == REPLY_READ_DATA) {
         driver.commError = 0;
         dealReadFrameReturnSaveData(reply);

@@ -6,6 +6,7 @@
 #define XBC_DRIVER_PRIVATE_H
 
 #include "ls_xbc_cpu_direct.h"
+#include "registers.h"
 
 #include <QHash>
 
@@ -48,15 +49,6 @@ struct DataAreaIndex {
     int used = 0;    // slots taken
     int records = 0; // entries of dataAreas the index covers
     QHash<QString, int> areaNumbers;
-
-    bool isEmpty() const
-    {
-        return records == 0;
-    }
-    int size() const
-    {
-        return records;
-    }
 };
 
 // One value-change notification waiting to be delivered once the driver has
@@ -91,6 +83,10 @@ struct DriverPrivate {
     std::mutex stateMutex;
     // Notifications gathered during one call, delivered after stateMutex is released.
     std::vector<PendingNote> pendingNotes;
+    // The register of the request whose frames are on sendList, resolved once
+    // when they are built and used by the reply's description and decoding;
+    // null for the handshake.
+    const Register *inFlight = nullptr;
 };
 
 // The one instance, beside `driver`; hidden, so every loaded copy of the

@@ -99,7 +99,7 @@ static void takePropertyNumbers(const char *properties)
 void resetRun()
 {
     driver.readList.clear();
-    driver.writeList.clear();
+    clearWrites();
     driver.conditionReadList.clear();
     clearDataAreas();
     driver.sendState = SEND_NONE;
@@ -110,6 +110,7 @@ void resetRun()
     driver.maxPacketWords = driver.maxPacketLen;
     driver.maxPacketBits = int(8u * quint32(driver.maxPacketLen));
     driver.sendList.clear();
+    driverPrivate.inFlight = nullptr;
     driver.initDone = 1;
 }
 

@@ -13,18 +13,26 @@ struct MergeItem {
     quint32 weight;
 };
 
-// How keys of one register name are read: its model and the position of the
-// register its reads go out as, worked out once per name.
+// How keys of one register name are read: its model, the position of the
+// register its reads go out as and whether that one is a contact register,
+// worked out once per name.
 struct NameRule {
     Register reg;
     int position;
+    bool readAsContact;
 };
 } // namespace
+
+static bool isContact(const QString &regName)
+{
+    const Register *reg = tableRegister(regName);
+    return reg != nullptr && reg->contact;
+}
 
 static NameRule ruleFor(const QString &regName)
 {
     const Register reg = registerOf(regName);
-    return NameRule{reg, int(driver.regNameList.indexOf(reg.readName))};
+    return NameRule{reg, int(driver.regNameList.indexOf(reg.readName)), isContact(reg.readName)};
 }
 
 // Bit runs become the word runs that hold them; widths other than 16 bits are
@@ -51,9 +59,12 @@ static std::vector<MergeItem> pollingItems(const QList<KEY_ADDRESS> &keys)
         auto rule = rules.constFind(key.regName);
         if (rule == rules.constEnd())
             rule = rules.insert(key.regName, ruleFor(key.regName));
-        MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count}, i, 0};
+        MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count,
+                                rule.value().readAsContact},
+                       i, 0};
         normalise(item.run, rule.value().reg);
-        item.weight = addressWeight(item.run.stationNo, rule.value().position, item.run.address);
+        item.weight = addressWeight(item.run.stationNo, rule.value().position, item.run.address,
+                                    int(driver.regNameList.size()));
         items.push_back(item);
     }
     std::stable_sort(items.begin(), items.end(),
@@ -71,7 +82,7 @@ static std::vector<MergeItem> mergePass(const std::vector<MergeItem> &items, int
     MergeItem cur = items.front();
     for (size_t i = 1; i < items.size(); ++i) {
         const MergeRun &next = items[i].run;
-        bool opensBlock = mergeRule(cur.run, next, allowGap) == 1;
+        bool opensBlock = mergeRule(cur.run, next, allowGap ? driver.maxPacketLen : 0) == 1;
         if (!opensBlock) {
             const qint64 span = qint64(next.address) + next.count - cur.run.address;
             if (span > driver.maxPacketLen)
@@ -100,8 +111,10 @@ static std::vector<MergeItem> mergeRecipe(const QList<KEY_ADDRESS> &keys)
     std::vector<MergeItem> items;
     for (int i = 0; i < keys.size(); ++i) {
         const KEY_ADDRESS &key = keys.at(i);
-        MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count}, i, 0};
         const Register *reg = tableRegister(key.regName);
+        MergeItem item{MergeRun{key.stationNo, key.regName, key.address, key.count,
+                                reg != nullptr && reg->contact},
+                       i, 0};
         if (reg != nullptr && reg->dataBits != 1 && reg->unitBits > 0)
             item.run.count = int(item.run.count * (16.0 / reg->unitBits));
         items.push_back(item);
@@ -135,7 +148,7 @@ int intf_addrMerge(QList<KEY_ADDRESS> *keys)
     for (_DATA_ &record : driver.dataAreas) {
         record.valueMonitor = 0;
         record.bitMonitor = 0;
-        record.pendingBitWrites = 0;
+        forgetBitWriteCount(record);
     }
     driver.readList.clear();
     if (keys == nullptr || keys->isEmpty())
@@ -198,29 +211,4 @@ VARIABLE requestOf(const KEY_ADDRESS &piece, int tag)
     request.address = piece.address;
     request.count = piece.count;
     return request;
-}
-
-bool sameRequest(const VARIABLE &a, const VARIABLE &b)
-{
-    return a.stationNo == b.stationNo && a.regName == b.regName && a.address == b.address &&
-           a.count == b.count;
-}
-
-bool queueRequest(QList<VARIABLE> &list, const VARIABLE &request, VARIABLE *displaced)
-{
-    // The head is never replaced: its frame may be on the line.
-    for (int i = list.size() - 1; i >= 1; --i) {
-        if (sameRequest(list.at(i), request)) {
-            list[i] = request;
-            return false;
-        }
-    }
-    if (list.size() <= 512) {
-        list.append(request);
-        return false;
-    }
-    if (displaced != nullptr)
-        *displaced = list.at(512);
-    list[512] = request;
-    return true;
 }

@@ -49,7 +49,13 @@ int intf_setRcpAddress(QVector<_RCP_VAR_PRO> *vars)
     return driver.rcpVarList.size();
 }
 
-void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData)
+unsigned int getRegAddressWeight(int station, const QString &regName, int value)
+{
+    return addressWeight(station, int(driver.regNameList.indexOf(regName)), value,
+                         int(driver.regNameList.size()));
+}
+
+void rcpAddrToVar(const Register *reg, _RCP_VAR_PRO block, VARIABLE &var, int withData)
 {
     var.stationNo = block.stationNo;
     var.regName = block.regName;
@@ -57,7 +63,6 @@ void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData)
     var.count = block.count;
     memset(var.data, 0, sizeof var.data);
     // A name outside the register table has no known unit size: nothing to copy.
-    const Register *reg = tableRegister(block.regName);
     if (!withData || reg == nullptr || driver.rcpBuffer == nullptr || block.bufferIndex < 0)
         return;
     // The buffer holds one 16-bit word per bit of a bit register; the request

@@ -28,25 +28,25 @@ static void clearRecipeRequest(int offset)
     driver.hmiStatusBlock[offset] = 0;
 }
 
-static int buildRead()
+// The frames of the request in curVar. `reg` is its register, resolved once
+// by the caller and kept for the description and decoding of the replies;
+// null (a name outside the table) builds no frame.
+static int buildRead(const Register *reg)
 {
     driver.curReadVars.clear();
     driver.curReadVars.append(driver.curVar);
-    return getReadFrame(driver.curReadVars);
+    driverPrivate.inFlight = reg;
+    return reg != nullptr ? getReadFrame(*reg, driver.curVar, driver.sendList) : 0;
 }
 
-// The request at the head of a list could not be put into a frame (no area
-// letter, no units): it leaves the list so that the rest of the work goes on.
-static void dropUnsendableWrite()
+static int buildWrite(const Register *reg)
 {
-    // The screens show the written value: fall back to the image and say so,
-    // while the request is still the head of the list, as for any result.
-    const VARIABLE dropped = driver.curVar;
-    _write_FailOrSuc(dropped.stationNo, dropped.regName, dropped.address, dropped.count, 0);
-    QMutexLocker lock(&driver.dataMutex);
-    if (!driver.writeList.isEmpty())
-        driver.writeList.removeFirst();
+    driverPrivate.inFlight = reg;
+    return reg != nullptr ? getWriteFrame(*reg, driver.curVar, driver.sendList) : 0;
 }
+
+// A request at the head of a list that could not be put into a frame (no area
+// letter, no units) leaves the list so that the rest of the work goes on.
 
 static void dropUnsendableConditionRead()
 {
@@ -76,14 +76,16 @@ static void planNextFrame()
         const bool blocksLeft = driver.rcpIndex < driver.rcpBlockList.size();
         if (driver.handShakeRequest) {
             driver.sendState = SEND_HANDSHAKE;
-            handShakeFrame();
+            driverPrivate.inFlight = nullptr;
+            driver.sendList.append(handShakeFrame());
             return;
         }
         if ((recipe.write || recipe.read) && blocksLeft) {
             const _RCP_VAR_PRO block = driver.rcpBlockList.at(driver.rcpIndex);
-            rcpAddrToVar(block, driver.curVar, recipe.write ? 1 : 0);
+            const Register *reg = tableRegister(block.regName);
+            rcpAddrToVar(reg, block, driver.curVar, recipe.write ? 1 : 0);
             driver.sendState = recipe.write ? SEND_RECIPE_WRITE : SEND_RECIPE_READ;
-            if ((recipe.write ? getWriteFrame(driver.curVar) : buildRead()) > 0)
+            if ((recipe.write ? buildWrite(reg) : buildRead(reg)) > 0)
                 return;
             skipRecipeBlock();
             continue;
@@ -101,9 +103,9 @@ static void planNextFrame()
             driver.curVar = driver.writeList.first();
             driver.sendState = SEND_WRITE;
             driver.burstCount++;
-            if (getWriteFrame(driver.curVar) > 0)
+            if (buildWrite(tableRegister(driver.curVar.regName)) > 0)
                 return;
-            dropUnsendableWrite();
+            dropHeadWrite();
             continue;
         }
         if (!driver.conditionReadList.isEmpty() &&
@@ -111,7 +113,7 @@ static void planNextFrame()
             driver.curVar = driver.conditionReadList.first();
             driver.sendState = SEND_CONDITION_READ;
             driver.burstCount++;
-            if (buildRead() > 0)
+            if (buildRead(tableRegister(driver.curVar.regName)) > 0)
                 return;
             dropUnsendableConditionRead();
             continue;
@@ -120,7 +122,7 @@ static void planNextFrame()
             driver.curVar = driver.readList.first();
             driver.sendState = SEND_POLLING_READ;
             driver.burstCount = 0;
-            if (buildRead() > 0)
+            if (buildRead(tableRegister(driver.curVar.regName)) > 0)
                 return;
             driver.readList.removeFirst(); // a block no frame can read
             continue;
@@ -185,12 +187,9 @@ static void finishRecipeBlock(int requestOffset)
 void dealListWhenFinish()
 {
     switch (driver.sendState) {
-    case SEND_WRITE: {
-        QMutexLocker lock(&driver.dataMutex);
-        if (!driver.writeList.isEmpty())
-            driver.writeList.removeFirst();
+    case SEND_WRITE:
+        retireHeadWrite();
         break;
-    }
     case SEND_CONDITION_READ:
         if (!driver.conditionReadList.isEmpty() &&
             sameRequest(driver.conditionReadList.first(), driver.lastConditionRead)) {

@@ -34,12 +34,35 @@ void groupingKey(KEY_ADDRESS &key, int maxLen, QList<KEY_ADDRESS> &pieces, int w
 // The request of one piece: its station, register, address and count, with
 // the runtime's tag (data not copied).
 VARIABLE requestOf(const KEY_ADDRESS &piece, int tag);
-void rcpAddrToVar(_RCP_VAR_PRO block, VARIABLE &var, int withData);
+// `reg`: the block's register of the table, null for other names.
+void rcpAddrToVar(const Register *reg, _RCP_VAR_PRO block, VARIABLE &var, int withData);
+// The sort key of an address, by the register's place in driver.regNameList.
+unsigned int getRegAddressWeight(int station, const QString &regName, int value);
+
+// --- request queues and the write queue (write_queue.cpp) ---
 // Replaces an equal request (searched from the end down to index 1) or appends,
 // never holding more than 513 entries: a full list loses its last request,
 // which is copied to `displaced` (when given) and reported by returning true.
 bool queueRequest(QList<VARIABLE> &list, const VARIABLE &request, VARIABLE *displaced = nullptr);
 bool sameRequest(const VARIABLE &a, const VARIABLE &b);
+// Queues the pieces of one write of the runtime's.
+void queueWrite(const Register &reg, const KEY_ADDRESS &key, int tag);
+void clearWrites();
+// The head of the write list is done and leaves it.
+void retireHeadWrite();
+// The head cannot be framed: settled as failed, then it leaves the list.
+void dropHeadWrite();
+// The write frames on sendList are abandoned: each settles its piece as failed.
+void failQueuedWrites();
+// A record shows its written value (showWrittenBits, below: for the bits of a
+// word (area, address), `countRequests` counts the bit writes left for it).
+void showWrittenValue(_DATA_ &record);
+// A polled value that differs from the image takes over a word or a contact,
+// unless bit writes are left for the word.
+void polledWordChanged(_DATA_ &record);
+void polledContactChanged(_DATA_ &record);
+// A new list of watched addresses forgets the counts of bit writes left.
+void forgetBitWriteCount(_DATA_ &record);
 
 // --- send schedule and dispatch ---
 // The kind of the frame in flight, in `sendState`.
@@ -60,8 +83,9 @@ constexpr int WRITE_BURST_LIMIT = 9;
 constexpr int CONDITION_READ_BURST_LIMIT = 2;
 void dealListWhenFinish();
 QString getErrorInfo(QByteArray reply);
-int dealReadFrameReturnSaveData(QByteArray reply);
-void analyzeFrameOfVal(QByteArray reply, int count, int start, VARIABLE var);
+int dealReadFrameReturnSaveData(const QByteArray &reply);
+void analyzeFrameOfVal(const Register &reg, const QByteArray &reply, int count, int start,
+                       const VARIABLE &var);
 
 // --- data area cache ---
 // Most values one call maps onto records: more than any register holds, so a
@@ -140,7 +164,6 @@ template <class Visit> void walkRecords(const Register &reg, int start, int coun
 
 int monitorFlagsFor(const Register &reg, int stationNo, int start, int count);
 
-int getIndexOfDataArea(int stationNo, QString name, int address, QList<_DATA_> &list);
 // The records of one station's area, for a run of lookups: the area is
 // numbered once instead of once per record.
 struct AreaRecords {
@@ -151,6 +174,9 @@ struct AreaRecords {
 AreaRecords areaRecords(int stationNo, const QString &name);
 // Index of the record at `address`, created when absent.
 int recordIndex(const AreaRecords &area, int address);
+// The record itself, with its index in `index` when given.
+_DATA_ &recordAt(const AreaRecords &area, int address, int *index = nullptr);
+void showWrittenBits(const AreaRecords &area, _DATA_ &record, int address, bool countRequests);
 void clearDataAreas();
 // Indices of the records (station, name, first + k) for k below count, created
 // when absent.

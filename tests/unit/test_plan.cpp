@@ -34,10 +34,13 @@ TEST_F(PlanTest, JudgeAddrMergeRules)
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(testing::Message() << c.blockAndNext << " max " << c.maxLen);
-        driver.maxPacketLen = c.maxLen;
         const QList<KEY_ADDRESS> k = runs(c.blockAndNext);
-        EXPECT_EQ(judgeAddrMerge(k[0], k[1], 0), c.noGap);
-        EXPECT_EQ(judgeAddrMerge(k[0], k[1], 1), c.withGap);
+        auto run = [](const KEY_ADDRESS &key) {
+            const Register *r = tableRegister(key.regName);
+            return MergeRun{key.stationNo, key.regName, key.address, key.count, r && r->contact};
+        };
+        EXPECT_EQ(mergeRule(run(k[0]), run(k[1]), 0), c.noGap);
+        EXPECT_EQ(mergeRule(run(k[0]), run(k[1]), c.maxLen), c.withGap);
     }
 }
 
@@ -86,12 +89,10 @@ TEST_F(PlanTest, MonitorFlagsForBothViewsOfOneRecord)
         EXPECT_EQ(findArea(1, "TX", a)->valueMonitor, 1u) << a;
     EXPECT_EQ(findArea(1, "D", 0), nullptr);
     for (int i = 0; i < driver.dataAreas.size(); ++i) // the lookup index agrees
-        EXPECT_EQ(getIndexOfDataArea(1, driver.dataAreas[i].name, driver.dataAreas[i].address,
-                                     driver.dataAreas),
-                  i);
+        EXPECT_EQ(recordOf(1, driver.dataAreas[i].name, driver.dataAreas[i].address), i);
 
     // A new list clears the flags of records no longer watched, keeps values.
-    const int mi = getIndexOfDataArea(1, "M", 10, driver.dataAreas);
+    const int mi = recordOf(1, "M", 10);
     driver.dataAreas[mi].value[0] = 0x5A;
     driver.dataAreas[mi].pendingBitWrites = 4;
     watch("TX 8 1");

@@ -63,7 +63,7 @@ TEST_F(SetupTest, NewRunClearsTheRequestsKeepsRecipesAndPage)
     EXPECT_EQ(driver.hmiMutex, &lock2);
     EXPECT_TRUE(driver.readList.isEmpty() && driver.writeList.isEmpty() &&
                 driver.conditionReadList.isEmpty() && driver.sendList.isEmpty() &&
-                driver.dataAreas.isEmpty() && driverPrivate.dataAreaIndex.isEmpty());
+                driver.dataAreas.isEmpty() && driverPrivate.dataAreaIndex.records == 0);
     EXPECT_EQ(std::vector<int>({driver.sendState, driver.burstCount, driver.handShakeRequest,
                                 driver.failCount, driver.commError, driver.maxPacketLen}),
               std::vector<int>({0, 0, 0, 0, 0, 64}));

@@ -66,6 +66,23 @@ inline bool noted(const std::string &name, int address, size_t from = 0)
     return false;
 }
 
+// The frames of a request as the schedule builds them, appended to sendList.
+inline int readFrames(const VARIABLE &v)
+{
+    driverPrivate.inFlight = tableRegister(v.regName);
+    return driverPrivate.inFlight ? getReadFrame(*driverPrivate.inFlight, v, driver.sendList) : 0;
+}
+inline int writeFrames(const VARIABLE &v)
+{
+    driverPrivate.inFlight = tableRegister(v.regName);
+    return driverPrivate.inFlight ? getWriteFrame(*driverPrivate.inFlight, v, driver.sendList) : 0;
+}
+// Index of the record (station, area, address), created when absent.
+inline int recordOf(int station, const QString &area, int address)
+{
+    return recordIndex(areaRecords(station, area), address);
+}
+
 inline KEY_ADDRESS key(int station, const QString &reg, int address, int count, int dataKind = 0)
 {
     KEY_ADDRESS k;

@@ -41,7 +41,7 @@ TEST_F(ValuesTest, ChangeNotificationsForEachUnitWidth)
     for (const Case &c : cases) {
         SCOPED_TRACE(c.what);
         reset("3#0#0#3#64");
-        const int i = getIndexOfDataArea(1, c.area, c.address, driver.dataAreas);
+        const int i = recordOf(1, c.area, c.address);
         driver.dataAreas[i].valueMonitor = c.valueMonitor;
         driver.dataAreas[i].bitMonitor = c.bitMonitor;
         int oldValue = c.oldValue, newValue = c.newValue;
@@ -69,7 +69,7 @@ TEST_F(ValuesTest, NoCallbackMeansNoNotification)
     EXPECT_EQ(setData(1, "D_W", 5, words({7}), 1), 1);
     EXPECT_EQ(setData(1, "TX", 3, {1}, 1), 1); // contacts notify without flags
     EXPECT_EQ(setData(1, "M_bit", 165, {1}, 1), 1);
-    _wordDataChange(nullptr, nullptr, getIndexOfDataArea(1, "M", 10, driver.dataAreas), 0);
+    _wordDataChange(nullptr, nullptr, recordOf(1, "M", 10), 0);
     deliverPendingNotes();
     EXPECT_TRUE(notes.empty());
     EXPECT_EQ(word16(1, "D_W", 5), 7);
@@ -78,14 +78,14 @@ TEST_F(ValuesTest, NoCallbackMeansNoNotification)
 TEST_F(ValuesTest, GetDataRows)
 {
     auto put = [](const char *name, int address, std::vector<unsigned char> value) {
-        const int i = getIndexOfDataArea(1, name, address, driver.dataAreas);
+        const int i = recordOf(1, name, address);
         std::copy(value.begin(), value.end(), driver.dataAreas[i].value);
     };
     put("D", 5, {0x34, 0x12});
     put("M", 10, {0x60, 0x01}); // bits 5, 6 and 8
     put("TX", 3, {1});
     put("Q_W", 2, {1}); // unknown names: one record per address under the whole name
-    const int i = getIndexOfDataArea(1, "D", 6, driver.dataAreas);
+    const int i = recordOf(1, "D", 6);
     driver.dataAreas[i].writtenValue[0] = 7;
     driver.dataAreas[i].writePending = true;
 
@@ -201,7 +201,7 @@ TEST_F(ValuesTest, SharedWordAndBitRecords)
 TEST_F(ValuesTest, BitWritesCountOutstandingRequests)
 {
     watch("M_bit 165 1");
-    const int i = getIndexOfDataArea(1, "M", 10, driver.dataAreas);
+    const int i = recordOf(1, "M", 10);
     driver.dataAreas[i].value[1] = 0xAB;
     plc.set(AREA_M, 10, 0xAB00);
     setData(1, "M_bit", 165, {1}, 1);
@@ -349,7 +349,7 @@ TEST_F(ValuesTest, ReplyWhileAWriteIsOutstanding)
         ASSERT_EQ(driver.writeList.size(), 1);
         const KEY_ADDRESS k = runs(c.block)[0];
         driver.sendList.clear();
-        ASSERT_EQ(getReadFrame({var(1, k.regName, k.address, 1)}), 1);
+        ASSERT_EQ(readFrames(var(1, k.regName, k.address, 1)), 1);
         driver.sendState = 4;
         EXPECT_EQ(deliver(readReply({c.polled})), 1);
         const _DATA_ *d = findArea(1, c.area, k.address);
