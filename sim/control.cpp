@@ -6,7 +6,6 @@
 #include <QFile>
 #include <QMutexLocker>
 #include <QSocketNotifier>
-#include <QTcpSocket>
 
 #include <memory>
 #include <unistd.h>
@@ -15,7 +14,9 @@ namespace xbcsim {
 
 namespace {
 
-enum { MAX_READ_UNITS = 4096, MAX_LINE_BYTES = 4096, READ_CHUNK = 512 };
+enum { MAX_READ_UNITS = 4096, READ_CHUNK = 4096 };
+
+const char COMMAND_NAMES[] = "faults, drop link, read, save, load, stats";
 
 QString ok(const QString &rest = QString())
 {
@@ -25,6 +26,12 @@ QString ok(const QString &rest = QString())
 QString error(const QString &why)
 {
     return QStringLiteral("error ") + why;
+}
+
+QString tooLong()
+{
+    return error(
+        QStringLiteral("line too long (at most %1 characters)").arg(MAX_CONTROL_LINE_BYTES));
 }
 
 // Every area, in area order, as little-endian 16-bit words.
@@ -129,10 +136,8 @@ QString statsText(Simulator &sim)
 
 QString dropLink(Simulator &sim)
 {
-    const QList<QTcpSocket *> clients = sim.clients; // the disconnect handler edits the list
-    for (QTcpSocket *socket : clients)
-        socket->abort();
-    if (sim.ptyMaster < 0)
+    closeClients(sim);
+    if (!sim.pty)
         return QString();
     closePty(sim);
     QString why;
@@ -147,7 +152,7 @@ QString controlCommand(Simulator &sim, const QString &line)
     if (name == QLatin1String("faults") && args.size() == 1)
         return setFaultSpec(sim, args[0]);
     if (name == QLatin1String("drop") && args == QStringList{QStringLiteral("link")}) {
-        const bool hadPty = sim.ptyMaster >= 0;
+        const bool hadPty = sim.pty != nullptr;
         const QString path = dropLink(sim);
         if (hadPty && path.isEmpty())
             return error(QStringLiteral("cannot open a new pseudo-terminal"));
@@ -161,36 +166,54 @@ QString controlCommand(Simulator &sim, const QString &line)
         return loadMemory(sim, args[0]);
     if (name == QLatin1String("stats") && args.isEmpty())
         return statsText(sim);
-    return error(QStringLiteral("unknown command '%1' (faults, drop link, read, save, load, stats)")
-                     .arg(line.simplified()));
+    if (name.isEmpty())
+        return error(QStringLiteral("empty line: expected a command (%1)")
+                         .arg(QLatin1String(COMMAND_NAMES)));
+    return error(QStringLiteral("unknown command '%1' (%2)")
+                     .arg(line.simplified(), QLatin1String(COMMAND_NAMES)));
 }
 
 QObject *startControl(Simulator &sim, int fd, const std::function<void(const QString &)> &answer,
                       const std::function<void()> &atEnd)
 {
+    struct Input {
+        QByteArray pending;
+        bool skipping = false; // in a line already answered as too long
+    };
     auto *notifier = new QSocketNotifier(fd, QSocketNotifier::Read);
-    auto pending = std::make_shared<QByteArray>();
+    auto input = std::make_shared<Input>();
+    const auto answerLine = [&sim, input, answer](const QByteArray &line) {
+        if (input->skipping)
+            input->skipping = false;
+        else if (line.size() > MAX_CONTROL_LINE_BYTES)
+            answer(tooLong());
+        else
+            answer(controlCommand(sim, QString::fromLocal8Bit(line)));
+    };
     QObject::connect(notifier, &QSocketNotifier::activated, notifier,
-                     [&sim, fd, notifier, pending, answer, atEnd]() {
+                     [fd, notifier, input, answer, answerLine, atEnd]() {
                          char buffer[READ_CHUNK];
                          const ssize_t n = ::read(fd, buffer, sizeof buffer);
                          if (n <= 0) {
                              notifier->setEnabled(false);
+                             if (!input->pending.isEmpty())
+                                 answerLine(input->pending); // a last line without its newline
                              if (atEnd)
                                  atEnd();
                              return;
                          }
-                         pending->append(buffer, int(n));
+                         input->pending.append(buffer, int(n));
                          int eol;
-                         while ((eol = pending->indexOf('\n')) >= 0) {
-                             const QString line = QString::fromLocal8Bit(pending->left(eol));
-                             pending->remove(0, eol + 1);
-                             if (!line.trimmed().isEmpty())
-                                 answer(controlCommand(sim, line));
+                         while ((eol = input->pending.indexOf('\n')) >= 0) {
+                             answerLine(input->pending.left(eol));
+                             input->pending.remove(0, eol + 1);
                          }
-                         if (pending->size() > MAX_LINE_BYTES) {
-                             pending->clear();
-                             answer(error(QStringLiteral("line too long")));
+                         if (input->pending.size() > MAX_CONTROL_LINE_BYTES) {
+                             // One answer for the whole line; the rest of it is skipped.
+                             if (!input->skipping)
+                                 answer(tooLong());
+                             input->skipping = true;
+                             input->pending.clear();
                          }
                      });
     return notifier;

@@ -52,6 +52,10 @@ QList<QByteArray> applyFaults(FaultState &state, const QByteArray &reply)
         ++state.counters.dropped;
         return {};
     }
+    if (draw(state, c.nakPercent)) {
+        ++state.counters.nakAnswered;
+        return {nakReply(reply.size() > 1 ? reply.at(1) : '?', ERR_CHECKSUM)};
+    }
     QByteArray out = reply;
     if (draw(state, c.corruptPercent)) {
         ++state.counters.corrupted;
@@ -86,6 +90,15 @@ QStringList faultCountTexts(const FaultCounters &counters)
                      .arg(QLatin1String(kind.countedAs))
                      .arg(counters.*kind.counter);
     return texts;
+}
+
+QStringList faultsBetween(const FaultCounters &before, const FaultCounters &after)
+{
+    QStringList names;
+    for (const FaultKind &kind : FAULT_KINDS)
+        if (after.*kind.counter != before.*kind.counter)
+            names << QLatin1String(kind.name);
+    return names;
 }
 
 namespace {

@@ -13,7 +13,13 @@
 
 namespace {
 
-enum { EXIT_USAGE = 2, STOP_CHECK_MS = 100, MIN_PERIOD_MS = 10, MAX_PORT = 65535 };
+enum {
+    EXIT_FAILURE_TO_SERVE = 1,
+    EXIT_USAGE = 2,
+    STOP_CHECK_MS = 100,
+    MIN_PERIOD_MS = 10,
+    MAX_PORT = 65535,
+};
 
 volatile std::sig_atomic_t stopRequested = 0;
 
@@ -31,6 +37,13 @@ void printLine(const QString &text)
 int fail(const QString &text)
 {
     std::fprintf(stderr, "xbc-plc-sim: %s\n", text.toLocal8Bit().constData());
+    return EXIT_FAILURE_TO_SERVE;
+}
+
+int usageError(const QString &text)
+{
+    fail(text);
+    std::fprintf(stderr, "Try 'xbc-plc-sim --help'.\n");
     return EXIT_USAGE;
 }
 
@@ -46,12 +59,15 @@ const char CONTROL_HELP[] = "Take commands on standard input, one a line, each a
                             "line 'ok ...' or 'error ...' on standard output; end of input stops\n"
                             "the simulator. Commands:\n"
                             "  faults off | faults SPEC   reply faults, SPEC as for --faults\n"
+                            "                             (the counters go on counting)\n"
                             "  drop link                  close the TCP clients and replace the\n"
                             "                             pseudo-terminal ('ok pty PATH')\n"
                             "  read REGISTER ADDRESS N    N values, e.g. 'read D_W 0 100',\n"
                             "                             'read M_bit 3.4 20' ('ok V1 V2 ...')\n"
                             "  save FILE | load FILE      the whole memory (restart keeping it)\n"
-                            "  stats                      requests, NAK replies and faults so far";
+                            "  stats                      requests, NAK replies and faults so far\n"
+                            "An empty or unknown command, or a line longer than 4096 characters,\n"
+                            "gets one 'error ...' line.";
 
 struct Options {
     QCommandLineOption port{
@@ -64,15 +80,18 @@ struct Options {
         QStringLiteral("Also serve a pseudo-terminal; its slave path is printed.")};
     QCommandLineOption set{
         QStringLiteral("set"),
-        QStringLiteral("Preset memory, e.g. D_W:100=1234, M_bit:3.4=1, TX:7=1 (repeatable)."),
+        QStringLiteral("Preset memory, e.g. D_W:100=1234, M_bit:3.4=1, TX:7=1 (repeatable); a\n"
+                       "word takes 0 to 65535 (or 0x0 to 0xFFFF), a bit 0 or 1."),
         QStringLiteral("REG:ADDRESS=VALUE")};
     QCommandLineOption counter{
         QStringLiteral("counter"),
-        QStringLiteral("Word that counts up every period, e.g. D_W:0 (repeatable)."),
+        QStringLiteral("Word that counts up every period, e.g. D_W:0 (repeatable; a word\n"
+                       "register only)."),
         QStringLiteral("REG:ADDRESS")};
     QCommandLineOption blink{
         QStringLiteral("blink"),
-        QStringLiteral("Bit that toggles every period, e.g. M_bit:0.0 or TX:3 (repeatable)."),
+        QStringLiteral("Bit that toggles every period, e.g. M_bit:0.0 or TX:3 (repeatable; a\n"
+                       "bit register or contact only)."),
         QStringLiteral("REG:ADDRESS")};
     QCommandLineOption period{QStringLiteral("period"),
                               QStringLiteral("Period of the live changes in ms (default 500)."),
@@ -81,8 +100,27 @@ struct Options {
         QStringLiteral("faults"),
         QStringLiteral("Fault injection on replies: %1.").arg(xbcsim::faultSpecSyntax()),
         QStringLiteral("SPEC")};
-    QCommandLineOption trace{QStringLiteral("trace"),
-                             QStringLiteral("Print every request and reply on stderr.")};
+    QCommandLineOption trace{
+        QStringLiteral("trace"),
+        QStringLiteral("Print every request and reply on stderr with its time (HH:MM:SS.mmm)\n"
+                       "and number, e.g. 'sim <- #12 ...', 'sim -> #12 ...'; a reply spoilt by\n"
+                       "a fault is marked '[fault corrupt]', a dropped one 'no reply [fault\n"
+                       "drop]'. Clients connecting and closing are traced too.")};
+    QCommandLineOption line{
+        QStringLiteral("line"),
+        QStringLiteral("Keep the time of a serial line BAUD,DATABITS,PARITY,STOPBITS, e.g.\n"
+                       "115200,8,NONE,1: a reply leaves no sooner than the request and the\n"
+                       "reply take on that line (start bit, data bits, parity bit if any and\n"
+                       "stop bits per character), plus the scan time, counted from the\n"
+                       "request's first byte arriving; it goes whole at the time its last\n"
+                       "character would arrive. Over TCP and the pseudo-terminal alike.\n"
+                       "Without it replies leave at once."),
+        QStringLiteral("PARAMS")};
+    QCommandLineOption scanMs{
+        QStringLiteral("scan-ms"),
+        QStringLiteral("Scan time in ms between a request and its reply (default 0), on top\n"
+                       "of the line time of --line."),
+        QStringLiteral("MS"), QStringLiteral("0")};
     QCommandLineOption duration{
         QStringLiteral("duration"),
         QStringLiteral("Stop after this many seconds (default 0: run until interrupted)."),
@@ -99,7 +137,8 @@ struct Options {
 
     QList<QCommandLineOption> all() const
     {
-        return {port, noTcp, pty, set, counter, blink, period, faults, trace, duration, control};
+        return {port,   noTcp, pty,    set,   counter,  blink,  period,
+                faults, line,  scanMs, trace, duration, control};
     }
 };
 
@@ -112,35 +151,30 @@ struct Run {
     bool control = false;
 };
 
-// "D_W:100=1234", "M_bit:3.4=1", "TX:7=1".
-QString applyPreset(xbcsim::Simulator &sim, const QString &text)
+// Each text through add (addCounter, addBlink); the first error, if any.
+QString addLive(xbcsim::LiveConfig &live, const QStringList &texts,
+                QString (*add)(xbcsim::LiveConfig &, const QString &))
 {
-    const QString where = text.section(QLatin1Char('='), 0, 0);
-    bool ok = false;
-    const uint value = text.section(QLatin1Char('='), 1).toUInt(&ok, 0);
-    if (!text.contains(QLatin1Char('=')) || !ok || value > 0xFFFF)
-        return QStringLiteral("--set '%1': expected REGISTER:ADDRESS=VALUE").arg(text);
-    xbcsim::Location loc;
-    const QString error = xbcsim::parseLocation(where, loc);
-    if (!error.isEmpty())
-        return QStringLiteral("--set %1").arg(error);
-    if (loc.isBit)
-        xbcsim::writeBit(sim, loc.area, loc.bitAddress, value != 0);
-    else
-        xbcsim::writeWord(sim, loc.area, loc.word, quint16(value));
+    for (const QString &t : texts) {
+        const QString error = add(live, t);
+        if (!error.isEmpty())
+            return error;
+    }
     return QString();
 }
 
-QString addLocations(const QStringList &texts, QList<xbcsim::Location> &out)
+// Line time and scan time; empty error text on success.
+QString configureLine(const QCommandLineParser &parser, const Options &opt, xbcsim::Simulator &sim)
 {
-    for (const QString &t : texts) {
-        xbcsim::Location loc;
-        const QString error = xbcsim::parseLocation(t, loc);
-        if (!error.isEmpty())
-            return error;
-        out.append(loc);
-    }
-    return QString();
+    bool ok = false;
+    sim.line.scanMs = parser.value(opt.scanMs).toInt(&ok);
+    if (!ok || sim.line.scanMs < 0 || sim.line.scanMs > xbcsim::MAX_SCAN_MS)
+        return QStringLiteral("--scan-ms '%1': expected 0 to %2 ms")
+            .arg(parser.value(opt.scanMs))
+            .arg(xbcsim::MAX_SCAN_MS);
+    if (!parser.isSet(opt.line))
+        return QString();
+    return xbcsim::parseLineSettings(parser.value(opt.line), sim.line);
 }
 
 // Faults, presets and live values; empty error text on success.
@@ -151,17 +185,19 @@ QString configureMemory(const QCommandLineParser &parser, const Options &opt,
     if (parser.isSet(opt.faults)) {
         const QString error = xbcsim::parseFaultSpec(parser.value(opt.faults), faults);
         if (!error.isEmpty())
-            return error;
+            return QStringLiteral("--faults %1").arg(error);
     }
     xbcsim::setFaults(sim, faults);
     for (const QString &preset : parser.values(opt.set)) {
-        const QString error = applyPreset(sim, preset);
+        const QString error = xbcsim::applyPreset(sim.memory, preset);
         if (!error.isEmpty())
             return error;
     }
-    QString error = addLocations(parser.values(opt.counter), sim.live.counters);
+    QString error = addLive(sim.live, parser.values(opt.counter), xbcsim::addCounter);
     if (error.isEmpty())
-        error = addLocations(parser.values(opt.blink), sim.live.blinks);
+        error = addLive(sim.live, parser.values(opt.blink), xbcsim::addBlink);
+    if (error.isEmpty())
+        error = configureLine(parser, opt, sim);
     if (!error.isEmpty())
         return error;
     bool ok = false;
@@ -185,6 +221,8 @@ QString readRun(const QCommandLineParser &parser, const Options &opt, Run &run)
     run.tcp = !parser.isSet(opt.noTcp);
     run.pty = parser.isSet(opt.pty);
     run.control = parser.isSet(opt.control);
+    if (!run.tcp && !run.pty)
+        return QStringLiteral("nothing to serve: --no-tcp without --pty");
     return QString();
 }
 
@@ -204,8 +242,6 @@ QString startLinks(xbcsim::Simulator &sim, const Run &run)
             return error;
         printLine(QStringLiteral("pty %1").arg(path));
     }
-    if (!run.tcp && !run.pty)
-        return QStringLiteral("nothing to serve: --no-tcp without --pty");
     return QString();
 }
 
@@ -249,7 +285,13 @@ int main(int argc, char **argv)
     QCommandLineParser parser;
     opt.addTo(parser);
     parser.addOptions(xbcsim::replayOptions());
-    parser.process(app);
+    if (!parser.parse(app.arguments()))
+        return usageError(parser.errorText());
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp(0);
+    if (!parser.positionalArguments().isEmpty())
+        return usageError(
+            QStringLiteral("unexpected argument '%1'").arg(parser.positionalArguments().first()));
 
     xbcsim::Simulator sim;
     sim.trace = parser.isSet(opt.trace);
@@ -260,8 +302,9 @@ int main(int argc, char **argv)
         error = configureMemory(parser, opt, sim);
     if (error.isEmpty())
         error = readRun(parser, opt, run);
-    if (error.isEmpty())
-        error = startLinks(sim, run);
+    if (!error.isEmpty())
+        return usageError(error);
+    error = startLinks(sim, run);
     if (!error.isEmpty())
         return fail(error);
     const int rc = serve(app, sim, run);

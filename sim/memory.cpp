@@ -13,6 +13,8 @@ const AreaInfo AREAS[AREA_COUNT] = {
     {"Z", 's', 128},   {"TX", 'l', 128}, {"CX", 'm', 128},
 };
 
+enum { MAX_WORD_VALUE = 0xFFFF };
+
 bool isContactArea(int area)
 {
     return area == AREA_TX || area == AREA_CX;
@@ -121,18 +123,65 @@ QString parseLocation(const QString &text, Location &out)
 
 void stepLive(Memory &mem, const LiveConfig &live)
 {
-    for (const Location &c : live.counters) {
-        if (c.isBit)
-            setBitAt(mem, c.area, c.bitAddress, !bitAt(mem, c.area, c.bitAddress));
-        else
-            setWordAt(mem, c.area, c.word, quint16(wordAt(mem, c.area, c.word) + 1));
-    }
-    for (const Location &b : live.blinks) {
-        if (b.isBit)
-            setBitAt(mem, b.area, b.bitAddress, !bitAt(mem, b.area, b.bitAddress));
-        else
-            setWordAt(mem, b.area, b.word, quint16(~wordAt(mem, b.area, b.word)));
-    }
+    for (const Location &c : live.counters)
+        setWordAt(mem, c.area, c.word, quint16(wordAt(mem, c.area, c.word) + 1));
+    for (const Location &b : live.blinks)
+        setBitAt(mem, b.area, b.bitAddress, !bitAt(mem, b.area, b.bitAddress));
+}
+
+QString addCounter(LiveConfig &live, const QString &text)
+{
+    Location loc;
+    const QString error = parseLocation(text, loc);
+    if (!error.isEmpty())
+        return QStringLiteral("--counter %1").arg(error);
+    if (loc.isBit)
+        return QStringLiteral("--counter '%1': a counter is a word, such as D_W:0 (a bit "
+                              "that toggles is --blink)")
+            .arg(text);
+    live.counters.append(loc);
+    return QString();
+}
+
+QString addBlink(LiveConfig &live, const QString &text)
+{
+    Location loc;
+    const QString error = parseLocation(text, loc);
+    if (!error.isEmpty())
+        return QStringLiteral("--blink %1").arg(error);
+    if (!loc.isBit)
+        return QStringLiteral("--blink '%1': a blinking value is a bit, such as M_bit:0.0 or "
+                              "TX:3 (a word that counts up is --counter)")
+            .arg(text);
+    live.blinks.append(loc);
+    return QString();
+}
+
+QString applyPreset(Memory &mem, const QString &text)
+{
+    if (!text.contains(QLatin1Char('=')))
+        return QStringLiteral("--set '%1': expected REGISTER:ADDRESS=VALUE").arg(text);
+    Location loc;
+    const QString error = parseLocation(text.section(QLatin1Char('='), 0, 0), loc);
+    if (!error.isEmpty())
+        return QStringLiteral("--set %1").arg(error);
+    const QString valueText = text.section(QLatin1Char('='), 1);
+    bool ok = false;
+    const qlonglong value = valueText.toLongLong(&ok, 0);
+    const qlonglong maxValue = loc.isBit ? 1 : MAX_WORD_VALUE;
+    const QString range = loc.isBit ? QStringLiteral("a bit takes 0 or 1")
+                                    : QStringLiteral("a word takes 0 to %1").arg(MAX_WORD_VALUE);
+    if (!ok)
+        return QStringLiteral("--set '%1': '%2' is not a number (%3)").arg(text, valueText, range);
+    if (value < 0 || value > maxValue)
+        return QStringLiteral("--set '%1': %2 is too %3 (%4)")
+            .arg(text, valueText, value < 0 ? QStringLiteral("small") : QStringLiteral("big"),
+                 range);
+    if (loc.isBit)
+        setBitAt(mem, loc.area, loc.bitAddress, value != 0);
+    else
+        setWordAt(mem, loc.area, loc.word, quint16(value));
+    return QString();
 }
 
 } // namespace xbcsim

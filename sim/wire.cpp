@@ -1,11 +1,22 @@
 // Requests in, replies out: parsing, checking and answering r, w, o and n.
 #include "xbc_sim.h"
 
+#include <cstring>
+
 namespace xbcsim {
 
 namespace {
 
-enum { READ_LEN = 14, BIT_LEN = 16, WRITE_MIN_LEN = 14 };
+enum { READ_LEN = 14, BIT_LEN = 16, WRITE_MIN_LEN = 14, REPLY_FRAMING = 5 };
+
+const char HEX_DIGITS[] = "0123456789ABCDEF";
+
+// Without a temporary: replies are built a pair at a time.
+void appendHexPair(QByteArray &out, quint8 value)
+{
+    out.append(HEX_DIGITS[value >> 4]);
+    out.append(HEX_DIGITS[value & 0x0F]);
+}
 
 int hexValue(char c)
 {
@@ -20,7 +31,8 @@ int hexValue(char c)
 bool checksumMatches(const QByteArray &frame)
 {
     const int n = frame.size();
-    return frame.mid(n - 3, 2) == hexPair(byteSum(frame, 1, n - 3));
+    const quint8 sum = byteSum(frame, 1, n - 3);
+    return frame[n - 3] == HEX_DIGITS[sum >> 4] && frame[n - 2] == HEX_DIGITS[sum & 0x0F];
 }
 
 bool parseHex16(const QByteArray &bytes, int pos, quint16 &value)
@@ -50,16 +62,21 @@ int checkRange(const Request &r, int words)
     return ERR_NONE;
 }
 
-QByteArray readData(const Memory &mem, const Request &r)
+// The ACK reply to a read, built in one buffer; the range is checked already.
+QByteArray readReply(const Memory &mem, const Request &r)
 {
-    QByteArray chars;
-    const int first = r.byteAddress / 2;
+    QByteArray reply;
+    reply.reserve(2 * r.byteCount + REPLY_FRAMING);
+    reply.append(ACK);
+    reply.append('r');
+    const quint16 *words = mem.areas[r.area].constData() + r.byteAddress / 2;
     for (int i = 0; i < r.byteCount / 2; ++i) {
-        const quint16 w = wordAt(mem, r.area, first + i);
-        chars += hexPair(quint8(w & 0xFF));
-        chars += hexPair(quint8(w >> 8));
+        appendHexPair(reply, quint8(words[i] & 0xFF));
+        appendHexPair(reply, quint8(words[i] >> 8));
     }
-    return chars;
+    appendHexPair(reply, byteSum(reply, 1, reply.size()));
+    reply.append(EOT);
+    return reply;
 }
 
 void writeData(Memory &mem, const Request &r)
@@ -83,10 +100,8 @@ quint8 byteSum(const QByteArray &bytes, int from, int to)
 
 QByteArray hexPair(quint8 value)
 {
-    static const char digits[] = "0123456789ABCDEF";
-    QByteArray out(2, '0');
-    out[0] = digits[value >> 4];
-    out[1] = digits[value & 0x0F];
+    QByteArray out;
+    appendHexPair(out, value);
     return out;
 }
 
@@ -122,7 +137,7 @@ int parseRequest(const QByteArray &frame, Request &out)
     if (r.area < 0)
         return ERR_AREA;
     quint16 address = 0;
-    if (!parseHex16(frame, 3, address) || frame.mid(7, 2) != "00")
+    if (!parseHex16(frame, 3, address) || frame[7] != '0' || frame[8] != '0')
         return ERR_MALFORMED;
     r.byteAddress = address;
     int words = 1;
@@ -138,6 +153,8 @@ int parseRequest(const QByteArray &frame, Request &out)
             return ERR_COUNT;
         if (n != expectedLength(r))
             return r.command == 'w' ? ERR_COUNT : ERR_MALFORMED;
+        if (r.command == 'w')
+            r.data.reserve(r.byteCount);
         for (int i = 0; r.command == 'w' && i < r.byteCount; ++i) {
             quint8 b = 0;
             if (!parseHexPair(frame, 11 + 2 * i, b))
@@ -156,10 +173,11 @@ int parseRequest(const QByteArray &frame, Request &out)
 QByteArray ackReply(char command, const QByteArray &dataChars)
 {
     QByteArray reply;
+    reply.reserve(dataChars.size() + REPLY_FRAMING);
     reply.append(ACK);
     reply.append(command);
     reply.append(dataChars);
-    reply.append(hexPair(byteSum(reply, 1, reply.size())));
+    appendHexPair(reply, byteSum(reply, 1, reply.size()));
     reply.append(EOT);
     return reply;
 }
@@ -184,7 +202,7 @@ QByteArray answerFrame(Memory &mem, const QByteArray &frame)
     const int word = r.byteAddress / 2;
     switch (r.command) {
     case 'r':
-        return ackReply('r', readData(mem, r));
+        return readReply(mem, r);
     case 'w':
         writeData(mem, r);
         break;
@@ -201,21 +219,41 @@ QByteArray answerFrame(Memory &mem, const QByteArray &frame)
 QList<QByteArray> takeFrames(FrameSplitter &splitter, const QByteArray &incoming)
 {
     QList<QByteArray> frames;
-    for (char c : incoming) {
-        if (c == STX) {
-            splitter.pending = QByteArray(1, STX); // a new start drops a torn frame
+    QByteArray &pending = splitter.pending;
+    const char *const data = incoming.constData();
+    const int n = incoming.size();
+    int i = 0;
+    while (i < n) {
+        if (pending.isEmpty()) { // noise between frames
+            const char *stx = static_cast<const char *>(std::memchr(data + i, STX, size_t(n - i)));
+            if (!stx)
+                break;
+            pending = QByteArray(1, STX);
+            i = int(stx - data) + 1;
             continue;
         }
-        if (splitter.pending.isEmpty())
-            continue; // noise between frames
-        splitter.pending.append(c);
-        if (c == ETX) {
-            frames.append(splitter.pending);
-            splitter.pending.clear();
-        } else if (splitter.pending.size() >= MAX_REQUEST_BYTES) {
-            frames.append(QByteArray());
-            splitter.pending.clear();
+        // The run up to the next STX or ETX joins the frame in one piece.
+        int end = i;
+        while (end < n && data[end] != STX && data[end] != ETX)
+            ++end;
+        if (pending.size() + (end - i) >= MAX_REQUEST_BYTES) {
+            i += MAX_REQUEST_BYTES - pending.size();
+            frames.append(QByteArray()); // overlong: the rest up to an STX is noise
+            pending.clear();
+            continue;
         }
+        pending.append(data + i, end - i);
+        i = end;
+        if (i == n)
+            break;
+        if (data[i] == STX) {
+            pending = QByteArray(1, STX); // a new start drops a torn frame
+        } else {
+            pending.append(ETX);
+            frames.append(pending);
+            pending.clear();
+        }
+        ++i;
     }
     return frames;
 }

@@ -21,8 +21,6 @@
 
 class QObject;
 class QSocketNotifier;
-class QTcpServer;
-class QTcpSocket;
 class QTimer;
 
 namespace xbcsim {
@@ -127,6 +125,7 @@ QByteArray answerFrame(Memory &mem, const QByteArray &frame);
 // longer than the largest request is dropped and reported as malformed.
 struct FrameSplitter {
     QByteArray pending;
+    qint64 pendingSinceNs = 0; // when the first byte of pending arrived
 };
 enum { MAX_REQUEST_BYTES = 2048 };
 // Appends incoming bytes and returns the complete frames found, in order. An
@@ -141,6 +140,7 @@ struct FaultConfig {
     int corruptPercent = 0;  // one character changed
     int truncatePercent = 0; // reply cut before its end
     int doublePercent = 0;   // reply sent twice
+    int nakPercent = 0;      // a NAK sent instead, as if the request came garbled
     int delayMs = 0;         // every reply held back this long
     quint32 seed = 1;
 };
@@ -150,6 +150,7 @@ struct FaultCounters {
     int corrupted = 0;
     int truncated = 0;
     int doubled = 0;
+    int nakAnswered = 0;
 };
 
 // Every reply fault in one place: its name in a fault spec (--faults, the
@@ -167,6 +168,7 @@ inline constexpr FaultKind FAULT_KINDS[] = {
     {"corrupt", &FaultConfig::corruptPercent, &FaultCounters::corrupted, "corrupted"},
     {"truncate", &FaultConfig::truncatePercent, &FaultCounters::truncated, "truncated"},
     {"double", &FaultConfig::doublePercent, &FaultCounters::doubled, "doubled"},
+    {"nak", &FaultConfig::nakPercent, &FaultCounters::nakAnswered, "nak-answered"},
 };
 // The settings of a fault spec besides the faults: held back replies and
 // the generator's seed.
@@ -180,6 +182,7 @@ struct FaultState {
     FaultCounters counters;
 };
 
+// Fresh state: the configuration, the generator seeded, every counter zero.
 void resetFaults(FaultState &state, const FaultConfig &config);
 // What actually goes on the line for one reply: nothing, one or two chunks.
 QList<QByteArray> applyFaults(FaultState &state, const QByteArray &reply);
@@ -189,17 +192,52 @@ QString parseFaultSpec(const QString &text, FaultConfig &out);
 QString faultSpecSyntax();
 // "dropped 3", "corrupted 0", ...: every counter by its name, in table order.
 QStringList faultCountTexts(const FaultCounters &counters);
+// Names of the faults whose counters went up from before to after: what
+// applyFaults did to one reply ("corrupt", "double").
+QStringList faultsBetween(const FaultCounters &before, const FaultCounters &after);
+
+// ---------------------------------------------------------------------------
+// Line pacing: a reply leaves no sooner than the request and the reply would
+// take on a serial line, plus the scan time, counted from the request's first
+// byte arriving. The whole reply goes at once, when its last character would
+// have arrived on the real line.
+
+struct LineSettings {
+    int baud = 0; // 0: no line time
+    int dataBits = 8;
+    int parityBits = 0;   // NONE 0; EVEN, ODD, MARK, SPACE 1
+    int stopHalfBits = 2; // stop bits counted in halves: 1, 1.5, 2 -> 2, 3, 4
+    int scanMs = 0;
+};
+enum { MAX_SCAN_MS = 60000 };
+
+// "115200,8,NONE,1" (parity NONE, EVEN, ODD, MARK or SPACE; stop bits 1, 1.5
+// or 2) into out, keeping its scan time: empty error text on success.
+QString parseLineSettings(const QString &text, LineSettings &out);
+// Time that many characters take on the line: start bit, data bits, parity
+// bit if any and stop bits each.
+qint64 lineTimeNs(const LineSettings &line, int characters);
+bool paced(const LineSettings &line);
+// The monotonic clock the pacing counts on.
+qint64 monotonicNs();
 
 // ---------------------------------------------------------------------------
 // Live changes for demos: counter words count up, blinking bits toggle.
 
 struct LiveConfig {
-    QList<Location> counters;
-    QList<Location> blinks;
+    QList<Location> counters; // words
+    QList<Location> blinks;   // bits
     int periodMs = 500;
 };
 
 void stepLive(Memory &mem, const LiveConfig &live);
+// Adds a --counter (a word) or a --blink (a bit) location; empty error text on
+// success.
+QString addCounter(LiveConfig &live, const QString &text);
+QString addBlink(LiveConfig &live, const QString &text);
+// Presets one word or bit: "D_W:100=1234", "M_bit:3.4=1", "TX:7=1" (--set);
+// empty error text on success.
+QString applyPreset(Memory &mem, const QString &text);
 
 // ---------------------------------------------------------------------------
 // The running simulator: memory behind a lock, TCP server on loopback and an
@@ -210,24 +248,52 @@ struct SimStats {
     int naks = 0;
 };
 
+// One served link: a TCP client or the master side of the pseudo-terminal,
+// read and written directly (replies are small; most go out in one write).
+struct Connection {
+    int fd = -1;
+    bool isPty = false;
+    QSocketNotifier *reader = nullptr;
+    QSocketNotifier *writer = nullptr; // on while output waits for room
+    QByteArray output;                 // reply bytes the link had no room for yet
+    FrameSplitter splitter;
+    qint64 lineFreeNs = 0; // paced: when the last reply has left the line
+};
+
+// A reply, or one copy of a doubled one, on its way out.
+struct Outgoing {
+    QByteArray bytes;
+    qint64 dueNs = 0; // on the monotonic clock; 0: at once
+    QString trace;    // trace line written when it leaves (empty: none)
+    Connection *to = nullptr;
+};
+
 struct Simulator {
     QMutex lock; // memory, faults and stats: tests read them from other threads
     Memory memory = makeMemory();
     FaultState faults;
     LiveConfig live;
+    LineSettings line;
     SimStats stats;
     bool trace = false;
     std::function<void(const QString &)> traceSink; // default: stderr
+    // Answers a request instead of the memory (a replay), under the lock; an
+    // empty reply is silence.
+    std::function<QByteArray(const QByteArray &frame)> answer;
 
     QObject *owner = nullptr; // parent of every Qt object below
-    QTcpServer *server = nullptr;
-    QList<QTcpSocket *> clients;
-    QTimer *liveTimer = nullptr;
-    int ptyMaster = -1;
-    int ptySlave = -1;
+    int listenFd = -1;
+    QSocketNotifier *acceptor = nullptr;
+    QList<Connection *> clients;
+    Connection *pty = nullptr;
+    int ptySlave = -1; // kept open so the master never sees a hang-up
     QString ptyPath;
-    QSocketNotifier *ptyNotifier = nullptr;
-    FrameSplitter ptySplitter;
+    QTimer *liveTimer = nullptr;
+    // Held back replies (pacing, the delay fault), earliest first, and the
+    // timer that sends them: a timerfd, since Qt timers count whole ms.
+    QList<Outgoing> held;
+    int heldTimerFd = -1;
+    QSocketNotifier *heldTimer = nullptr;
 
     Simulator();
     ~Simulator();
@@ -244,6 +310,8 @@ QString startPty(Simulator &sim, QString *error);
 void startLive(Simulator &sim);
 // Closes the pseudo-terminal, if any; TCP goes on.
 void closePty(Simulator &sim);
+// Closes every TCP client; the server goes on taking new ones.
+void closeClients(Simulator &sim);
 void stopSimulator(Simulator &sim);
 
 // Thread-safe access for tests and tools.
@@ -251,20 +319,22 @@ quint16 readWord(Simulator &sim, int area, int word);
 void writeWord(Simulator &sim, int area, int word, quint16 value);
 bool readBit(Simulator &sim, int area, int bitAddress);
 void writeBit(Simulator &sim, int area, int bitAddress, bool on);
+// New fault settings; the counters go on counting from where they were.
 void setFaults(Simulator &sim, const FaultConfig &config);
 SimStats statsOf(Simulator &sim);
 FaultCounters faultCountersOf(Simulator &sim);
 
-// Handles bytes received on one connection and returns the reply chunks to
-// send, faults applied. Shared by the TCP and pty paths and usable directly.
-QList<QByteArray> handleIncoming(Simulator &sim, FrameSplitter &splitter,
-                                 const QByteArray &incoming);
+// Handles bytes that arrived on one connection at arrivedNs and returns the
+// replies to send, faults applied, each with the time it may leave.
+QList<Outgoing> handleIncoming(Simulator &sim, Connection &link, const QByteArray &incoming,
+                               qint64 arrivedNs);
 
 // ---------------------------------------------------------------------------
 // Control channel for programs that run the simulator as a process (xbc-plc-sim
 // --control): one command a line, one answer line each, "ok ..." or
-// "error ...".
-//   faults off | faults SPEC   reply faults, SPEC as for --faults
+// "error ..."; an empty line and one too long get an error line too.
+//   faults off | faults SPEC   reply faults, SPEC as for --faults; the
+//                              counters go on from where they were
 //   drop link                  closes every TCP client; a pseudo-terminal is
 //                              replaced by a new one: "ok pty PATH"
 //   read REGISTER ADDRESS N    "ok V1 V2 ...": N words or bits from ADDRESS in
@@ -272,6 +342,7 @@ QList<QByteArray> handleIncoming(Simulator &sim, FrameSplitter &splitter,
 //   save FILE | load FILE      the whole memory, for a restart that keeps it
 //   stats                      "ok requests N naks N dropped N corrupted N ..."
 
+enum { MAX_CONTROL_LINE_BYTES = 4096 };
 QString controlCommand(Simulator &sim, const QString &line);
 // Closes the TCP clients and renews the pseudo-terminal; returns the new slave
 // path, empty when there was none (or no new one could be opened).

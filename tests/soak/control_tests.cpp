@@ -1,49 +1,77 @@
-// The simulator's control channel, which the soak relies on to judge the
-// driver: answers to good and bad commands, memory saved and loaded whole, and
-// a dropped link that really drops.
+// xbc-plc-sim as its users meet it: the control channel the soak relies on,
+// its options and their refusals, its trace, and the line time it keeps over
+// TCP and the pseudo-terminal. Scan time and torn requests: sim_tests.
+#include "sim_process.h"
+#include "wait.h"
 #include "xbc_sim.h"
 
-#include <QCoreApplication>
 #include <QElapsedTimer>
-#include <QEventLoop>
-#include <QFile>
+#include <QRegularExpression>
 #include <QTcpSocket>
 #include <QTemporaryDir>
-#include <QTimer>
 
 #include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <unistd.h>
 
 using namespace xbcsim;
 
 namespace {
 
-struct Exchange {
-    const char *command;
-    const char *answer; // whole answer, or its start when it ends with '*'
-};
+const QByteArray READ_D100("\x02raC800000270\x03"); // reply: 9 characters
 
-void expectAnswer(Simulator &sim, const Exchange &e)
+// The whole answer, or its start when want ends with '*'.
+void expectAnswer(Simulator &sim, const QByteArray &command, const QString &want)
 {
-    const QString got = controlCommand(sim, QLatin1String(e.command));
-    QString want = QLatin1String(e.answer);
-    if (want.endsWith(QLatin1Char('*'))) {
-        want.chop(1);
-        EXPECT_TRUE(got.startsWith(want)) << e.command << " -> " << got.toStdString();
-    } else {
-        EXPECT_EQ(got, want) << e.command;
-    }
+    const QString got = controlCommand(sim, QString::fromLatin1(command));
+    EXPECT_TRUE(got == want || (want.endsWith('*') && got.startsWith(want.chopped(1))))
+        << command.constData() << " -> " << got.toStdString();
 }
 
-bool waitFor(const std::function<bool()> &condition, int maxMs)
+// The exit code, a newline, then what it wrote to its standard output and error.
+QString runSim(const QStringList &args, const QByteArray &input)
+{
+    QProcess p;
+    p.start(QStringLiteral(XBC_SIM_PATH), args);
+    p.waitForStarted();
+    p.write(input);
+    p.closeWriteChannel(); // with --control, the end of input stops it
+    if (!p.waitForFinished(10000))
+        p.kill();
+    return QString::number(p.exitCode()) + '\n' + p.readAllStandardOutput() +
+           p.readAllStandardError();
+}
+
+// A usage error: exit code 2, the reason, the pointer to --help.
+QString refused(const char *says)
+{
+    return "^2\nxbc-plc-sim: .*" + QRegularExpression::escape(QLatin1String(says)) +
+           ".*\nTry 'xbc-plc-sim --help'.\n$";
+}
+
+// One request and its whole reply on fd, in ms; -1 when it failed.
+double exchangeMs(int fd)
 {
     QElapsedTimer timer;
     timer.start();
-    while (!condition() && timer.elapsed() < maxMs) {
-        QEventLoop loop;
-        QTimer::singleShot(5, &loop, &QEventLoop::quit);
-        loop.exec();
+    char reply[64];
+    ssize_t got = ::write(fd, READ_D100.constData(), 14) == 14 ? 0 : -1;
+    for (pollfd p{fd, POLLIN, 0}; got >= 0 && got < 9;) {
+        const ssize_t n = ::poll(&p, 1, 2000) == 1 ? ::read(fd, reply, sizeof reply) : -1;
+        got = n > 0 ? got + n : -1;
     }
-    return condition();
+    return got < 0 ? -1 : timer.nsecsElapsed() / 1e6;
+}
+
+int connectTo(const xbctest::SimProcess &sim)
+{
+    if (sim.pty)
+        return ::open(qPrintable(sim.ptyPath), O_RDWR | O_NOCTTY);
+    QTcpSocket socket;
+    socket.connectToHost(QStringLiteral("127.0.0.1"), sim.port);
+    return socket.waitForConnected(3000) ? ::dup(int(socket.socketDescriptor())) : -1;
 }
 
 } // namespace
@@ -51,103 +79,108 @@ bool waitFor(const std::function<bool()> &condition, int maxMs)
 TEST(SimControl, AnswersEveryCommandWithOneLine)
 {
     Simulator sim;
-    writeWord(sim, AREA_D, 1, 7);
-    writeWord(sim, AREA_D, 32767, 9);
-    writeBit(sim, AREA_M, 3 * 16 + 5, true);
-    writeBit(sim, AREA_TX, 8, true);
-    const Exchange table[] = {
-        {"read D_W 0 3", "ok 0 7 0"},
-        {"  read   D_W 32767 1 ", "ok 9"},
-        {"read M_bit 3.4 3", "ok 0 1 0"},
-        {"read TX 7 2", "ok 0 1"},
-        {"read D_W 32767 2", "error *"}, // past the end of the area
-        {"read D_W 0 0", "error *"},
-        {"read D_W 0 4097", "error *"},
-        {"read D_W x 1", "error *"},
-        {"read Q_W 0 1", "error *"},
-        {"read M_bit 3.16 1", "error *"},
-        {"read D_W 0", "error *"},
-        {"faults drop=101", "error *"},
-        {"faults drop=10,seed=3", "ok"},
-        {"faults off", "ok"},
-        {"stats", "ok requests 0 naks 0 dropped 0 corrupted 0 truncated 0 doubled 0"},
-        {"drop link", "ok"}, // no client, no pseudo-terminal: nothing to drop
-        {"save", "error *"},
-        {"reboot", "error unknown command 'reboot'*"},
-    };
-    for (const Exchange &e : table)
-        expectAnswer(sim, e);
-}
-
-TEST(SimControl, FaultsOffClearsEveryFault)
-{
-    Simulator sim;
-    expectAnswer(sim, {"faults drop=100,delay=50", "ok"});
-    EXPECT_EQ(sim.faults.config.dropPercent, 100);
-    expectAnswer(sim, {"faults off", "ok"});
-    EXPECT_EQ(sim.faults.config.dropPercent, 0);
-    EXPECT_EQ(sim.faults.config.delayMs, 0);
-}
-
-TEST(SimControl, SavedMemoryLoadsBackWholeAndShortFilesAreRefused)
-{
+    for (const char *preset : {"D_W:1=7", "D_W:32767=9", "M_bit:3.5=1", "TX:8=1"})
+        ASSERT_TRUE(applyPreset(sim.memory, QLatin1String(preset)).isEmpty()) << preset;
     QTemporaryDir dir;
-    ASSERT_TRUE(dir.isValid());
-    const QString file = dir.filePath(QStringLiteral("memory.bin"));
-    Simulator first;
-    writeWord(first, AREA_D, 32767, 0xBEEF);
-    writeWord(first, AREA_P, 0, 0x0102);
-    writeBit(first, AREA_CX, 2047, true);
-    expectAnswer(first, {qPrintable(QStringLiteral("save ") + file), "ok"});
-
-    Simulator second;
-    expectAnswer(second, {qPrintable(QStringLiteral("load ") + file), "ok"});
-    EXPECT_EQ(readWord(second, AREA_D, 32767), 0xBEEF);
-    EXPECT_EQ(readWord(second, AREA_P, 0), 0x0102);
-    EXPECT_TRUE(readBit(second, AREA_CX, 2047));
-
-    QFile shortFile(file);
-    ASSERT_TRUE(shortFile.open(QIODevice::WriteOnly));
-    shortFile.write("\x01\x02\x03", 3);
-    shortFile.close();
-    expectAnswer(second, {qPrintable(QStringLiteral("load ") + file), "error *"});
-    EXPECT_EQ(readWord(second, AREA_D, 32767), 0xBEEF) << "a refused file changed the memory";
-    expectAnswer(second, {"load /nonexistent/memory.bin", "error *"});
+    const QByteArray file = dir.filePath(QStringLiteral("memory.bin")).toLocal8Bit();
+    const struct {
+        QByteArray command;
+        const char *answer;
+    } table[] = {
+        {"read D_W 0 3", "ok 0 7 0"},
+        {"read M_bit 3.4 3", "ok 0 1 0"},
+        {"read D_W 32767 2", "error *"}, // past the end of the area
+        {"save " + file, "ok"},
+        {"write D_W 1 0", "error unknown command 'write D_W 1 0'*"},
+        {"load /nonexistent/memory.bin", "error *"},
+        {"", "error empty line*"},
+    };
+    for (const auto &e : table)
+        expectAnswer(sim, e.command, QLatin1String(e.answer));
+    Simulator restarted;
+    expectAnswer(restarted, "load " + file, "ok");
+    expectAnswer(restarted, "  read   D_W 32767 1 ", "ok 9");
 }
 
-TEST(SimControl, DropLinkClosesTcpClientsAndRenewsThePseudoTerminal)
+TEST(SimTrace, StampsEveryLineAndMarksFaultsThatStillCountAfterFaultsOff)
 {
     Simulator sim;
-    QString error;
-    const int port = startTcp(sim, 0, &error);
-    ASSERT_GT(port, 0) << error.toStdString();
-    const QString oldPath = startPty(sim, &error);
-    ASSERT_FALSE(oldPath.isEmpty()) << error.toStdString();
-
+    sim.trace = true;
+    QStringList trace;
+    sim.traceSink = [&trace](const QString &line) { trace << line; };
     QTcpSocket client;
-    client.connectToHost(QStringLiteral("127.0.0.1"), quint16(port));
-    ASSERT_TRUE(waitFor(
-        [&]() {
-            return client.state() == QAbstractSocket::ConnectedState && !sim.clients.isEmpty();
-        },
-        3000));
-    const QString answer = controlCommand(sim, QStringLiteral("drop link"));
-    ASSERT_TRUE(answer.startsWith(QLatin1String("ok pty /"))) << answer.toStdString();
-    EXPECT_TRUE(
-        waitFor([&]() { return client.state() == QAbstractSocket::UnconnectedState; }, 3000))
-        << "the TCP client stayed connected";
-    EXPECT_GE(sim.ptyMaster, 0);
-    EXPECT_EQ(answer.mid(7), sim.ptyPath);
-
-    // The server still takes new clients.
-    QTcpSocket again;
-    again.connectToHost(QStringLiteral("127.0.0.1"), quint16(port));
-    EXPECT_TRUE(waitFor([&]() { return again.state() == QAbstractSocket::ConnectedState; }, 3000));
+    client.connectToHost(QStringLiteral("127.0.0.1"), quint16(startTcp(sim, 0, nullptr)));
+    for (const char *faults : {"faults corrupt=100", "faults drop=100", "faults off"}) {
+        expectAnswer(sim, faults, "ok");
+        client.write(READ_D100);
+        const int lines = trace.size();
+        ASSERT_TRUE(xbctest::waitUntil([&]() { return trace.size() >= lines + 2; }, 3000));
+    }
+    expectAnswer(sim, "stats", "ok requests 3 naks 0 dropped 1 corrupted 1 *");
+    const QString stamp = QStringLiteral("^\\d\\d:\\d\\d:\\d\\d\\.\\d\\d\\d ");
+    const QStringList patterns = {"sim: client 127.0.0.1:\\d+ connected$",
+                                  "sim <- #1 <STX>raC800000270<ETX>$",
+                                  "sim -> #1 <ACK>r[0-9A-F]{6}<EOT> \\[fault corrupt\\]$",
+                                  "sim <- #2 ",
+                                  "sim -> #2 no reply \\[fault drop\\]$",
+                                  "sim <- #3 ",
+                                  "sim -> #3 <ACK>r000032<EOT>$"};
+    ASSERT_EQ(trace.size(), patterns.size()) << trace.join(QLatin1Char('\n')).toStdString();
+    for (int i = 0; i < trace.size(); ++i)
+        EXPECT_TRUE(trace[i].contains(QRegularExpression(stamp + patterns[i])))
+            << trace[i].toStdString();
 }
 
-int main(int argc, char **argv)
+TEST(SimProgram, RefusesWhatItCannotDoAndAnswersEachControlLineOnce)
 {
-    QCoreApplication app(argc, argv);
-    ::testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    const struct {
+        QStringList args;
+        QByteArray input;
+        QString says; // regular expression
+    } table[] = {
+        {{"--set", "D_W:1=70000"}, "", refused("70000 is too big (a word takes 0 to 65535)")},
+        {{"--counter", "M_bit:3.4"}, "", refused("a counter is a word")},
+        {{"--blink", "D_W:5"}, "", refused("a blinking value is a bit")},
+        {{"--line", "9600,9,NONE,1"}, "", refused("expected BAUD,DATABITS,PARITY,STOPBITS")},
+        {{"--scan-ms", "-1"}, "", refused("--scan-ms '-1': expected 0 to 60000 ms")},
+        {{"--bogus"}, "", refused("Unknown option 'bogus'.")},
+        {{"extra"}, "", refused("unexpected argument 'extra'")},
+        {{"--help"}, "", "^0\n(.|\n)*  --line <PARAMS>  (.|\n)*  --scan-ms <MS> "},
+        {{"--control"},
+         "\n" + QByteArray(100000, 'x') + "\nstats\n",
+         "^0\ntcp \\S+\nerror empty line[^\n]*\nerror line too long[^\n]*\nok requests 0 "},
+    };
+    for (const auto &c : table) {
+        const QString ran = runSim(c.args, c.input);
+        EXPECT_TRUE(ran.contains(QRegularExpression(c.says))) << ran.left(500).toStdString();
+    }
+}
+
+TEST(SimProgram, KeepsTheLineTimeOverTcpAndThePseudoTerminal)
+{
+    const struct {
+        bool pty;
+        QStringList args;
+        double ms; // 14 request and 9 reply characters on the line, and the scan
+    } table[] = {
+        {false, {"--line", "9600,8,NONE,1"}, 23 * 10 / 9.6},
+        {true, {"--line", "9600,7,EVEN,2"}, 23 * 11 / 9.6},
+        {false, {}, 0},
+    };
+    for (const auto &c : table) {
+        xbctest::SimProcess sim;
+        sim.program = QStringLiteral(XBC_SIM_PATH);
+        sim.args = c.args;
+        sim.pty = c.pty;
+        QString error;
+        ASSERT_TRUE(xbctest::startSim(sim, &error)) << error.toStdString();
+        const int fd = connectTo(sim);
+        double fastest = 1e9; // of a few: a busy machine only ever adds
+        for (int i = 0; i < 3 && fd >= 0; ++i)
+            fastest = std::min(fastest, exchangeMs(fd));
+        EXPECT_GE(fastest, c.ms) << qPrintable(c.args.join(' '));
+        EXPECT_LE(fastest, c.ms * 1.02 + 0.5) << qPrintable(c.args.join(' '));
+        ::close(fd);
+        xbctest::stopSim(sim);
+    }
 }
