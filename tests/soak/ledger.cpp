@@ -17,54 +17,49 @@ struct Unit {
 // The locations a value of a register at an address stands for.
 QVector<Unit> unitsOf(const QString &regName, int address, const QVector<int> &values)
 {
+    static const QHash<QString, int> kinds{{QStringLiteral("D_W"), LOC_D_WORD},
+                                           {QStringLiteral("M_bit"), LOC_M_BIT},
+                                           {QStringLiteral("TX"), LOC_TX},
+                                           {QStringLiteral("CX"), LOC_CX}};
     QVector<Unit> units;
     for (int i = 0; i < values.size(); ++i) {
-        const int v = values[i];
-        if (regName == QLatin1String("D_W")) {
-            units.append({locKey(LOC_D_WORD, address + i), v & 0xFFFF});
-        } else if (regName == QLatin1String("M_W")) {
+        if (regName == QLatin1String("M_W")) {
             for (int b = 0; b < BITS_PER_WORD; ++b)
-                units.append({locKey(LOC_M_BIT, (address + i) * BITS_PER_WORD + b), (v >> b) & 1});
-        } else if (regName == QLatin1String("M_bit")) {
-            units.append({locKey(LOC_M_BIT, address + i), v != 0});
-        } else if (regName == QLatin1String("TX")) {
-            units.append({locKey(LOC_TX, address + i), v != 0});
-        } else if (regName == QLatin1String("CX")) {
-            units.append({locKey(LOC_CX, address + i), v != 0});
+                units.append(
+                    {locKey(LOC_M_BIT, (address + i) * BITS_PER_WORD + b), (values[i] >> b) & 1});
+        } else if (kinds.contains(regName)) {
+            const int kind = kinds.value(regName);
+            units.append({locKey(kind, address + i),
+                          kind == LOC_D_WORD ? values[i] & 0xFFFF : int(values[i] != 0)});
         }
     }
     return units;
 }
 
-// Counts a write that is no longer the last one anywhere by what the host saw
-// of its frames; whether it held can no longer be seen in the PLC.
-void countOverwritten(Outcomes &out, const xbchost::WriteRecord *record)
+// A write no longer the last one anywhere, by what the host saw of its frames.
+void countOverwritten(Outcomes &out, const Host &host, int tag)
 {
-    ++out.writes;
-    if (record && record->failed > 0)
+    const xbchost::WriteRecord record = host.writes.value(tag);
+    if (record.failed > 0)
         ++out.failed;
-    else if (record && record->acked > 0)
+    else if (record.acked > 0)
         ++out.acknowledged;
     else
         ++out.replacedInQueue; // a later request for the same place took its slot
-}
-
-const xbchost::WriteRecord *recordOf(const xbchost::Host &host, int tag)
-{
-    const auto it = host.writes.constFind(tag);
-    return it == host.writes.constEnd() ? nullptr : &it.value();
 }
 
 } // namespace
 
 QString locationText(int key)
 {
-    static const char *const names[LOC_KINDS] = {"D_W", "M_bit", "TX", "CX"};
-    const int kind = key / 1000000;
-    const int unit = key % 1000000;
+    const int kind = key / LOC_KIND_SPAN, unit = key % LOC_KIND_SPAN;
     if (kind == LOC_M_BIT)
         return QStringLiteral("M_bit %1.%2").arg(unit / BITS_PER_WORD).arg(unit % BITS_PER_WORD);
-    return QStringLiteral("%1 %2").arg(QLatin1String(names[kind])).arg(unit);
+    return QStringLiteral("%1 %2")
+        .arg(QLatin1String(kind == LOC_D_WORD ? "D_W"
+                           : kind == LOC_TX   ? "TX"
+                                              : "CX"))
+        .arg(unit);
 }
 
 void recordNote(Ledger &ledger, const xbchost::Notification &note)
@@ -81,85 +76,70 @@ void recordWrite(Ledger &ledger, int tag, const QString &regName, int address,
                  const QVector<int> &values, qint64 nowMs)
 {
     WriteEntry entry;
-    entry.regName = regName;
-    entry.address = address;
-    entry.count = values.size();
+    entry.what = QStringLiteral("%1 %2, %3 values").arg(regName).arg(address).arg(values.size());
     for (const Unit &u : unitsOf(regName, address, values)) {
         LocState &loc = ledger.locations[u.key];
         auto previous = ledger.writes.find(loc.lastWriter);
         if (previous != ledger.writes.end() && --previous->stillLast == 0)
             previous->supersededAtMs = nowMs;
-        loc.lastWriter = tag;
-        loc.writtenValue = u.value;
-        loc.issuedAtNote = ledger.noteSeq;
+        loc = {tag, u.value, ledger.noteSeq, loc.lastNoteSeq, loc.lastNoteValue};
         entry.keys.append(u.key);
         ++entry.stillLast;
     }
     ledger.writes.insert(tag, entry);
 }
 
-void foldOverwritten(Ledger &ledger, xbchost::Host &host, qint64 nowMs, qint64 graceMs)
+void foldOverwritten(Ledger &ledger, Host &host, qint64 nowMs, qint64 graceMs)
 {
     for (auto it = ledger.writes.begin(); it != ledger.writes.end();) {
         if (it->supersededAtMs < 0 || nowMs - it->supersededAtMs < graceMs) {
             ++it;
             continue;
         }
-        countOverwritten(ledger.outcomes, recordOf(host, it.key()));
+        countOverwritten(ledger.outcomes, host, it.key());
         host.writes.remove(it.key());
         it = ledger.writes.erase(it);
     }
 }
 
-void checkFinalWrites(Ledger &ledger, xbchost::Host &host, const QHash<int, int> &simByKey)
+void checkFinalWrites(Ledger &ledger, Host &host, const QHash<int, int> &simByKey)
 {
     Outcomes &out = ledger.outcomes;
     for (auto it = ledger.writes.begin(); it != ledger.writes.end(); ++it) {
-        const int tag = it.key();
-        const xbchost::WriteRecord *record = recordOf(host, tag);
         if (it->stillLast == 0) {
-            countOverwritten(out, record);
+            countOverwritten(out, host, it.key());
             continue;
         }
-        ++out.writes;
-        bool fellBack = false;
-        bool lost = false;
+        bool fellBack = false, lost = false;
         for (int key : it->keys) {
             const LocState &loc = ledger.locations[key];
-            if (loc.lastWriter != tag)
-                continue;
             const int inPlc = simByKey.value(key, -1);
-            if (inPlc == loc.writtenValue)
+            if (loc.lastWriter != it.key() || inPlc == loc.writtenValue)
                 continue;
             // Not in the PLC: the screens must have been told, after the write
             // was queued, that the location shows the PLC's value again.
-            if (loc.lastNoteSeq > loc.issuedAtNote && loc.lastNoteValue == inPlc) {
+            const bool toldSince = loc.lastNoteSeq > loc.issuedAtNote;
+            if (toldSince && loc.lastNoteValue == inPlc) {
                 fellBack = true;
                 continue;
             }
             lost = true;
-            out.lostDetails
-                << QStringLiteral("write %1 (%2 %3, %4 values): %5 written %6, PLC holds %7; "
-                                  "frames acknowledged %8, failed %9; %10")
-                       .arg(tag)
-                       .arg(it->regName)
-                       .arg(it->address)
-                       .arg(it->count)
-                       .arg(locationText(key))
+            const xbchost::WriteRecord record = host.writes.value(it.key());
+            out.lost
+                << QStringLiteral("write %1 (%2): %3 written %4, PLC holds %5; frames "
+                                  "acknowledged %6, failed %7; %8")
+                       .arg(it.key())
+                       .arg(it->what, locationText(key))
                        .arg(loc.writtenValue)
                        .arg(inPlc)
-                       .arg(record ? record->acked : -1)
-                       .arg(record ? record->failed : -1)
-                       .arg(loc.lastNoteSeq > loc.issuedAtNote
+                       .arg(record.acked)
+                       .arg(record.failed)
+                       .arg(toldSince
                                 ? QStringLiteral("last notified value %1").arg(loc.lastNoteValue)
                                 : QStringLiteral("no notification since"));
         }
-        if (lost)
-            ++out.lost;
-        else if (fellBack)
-            ++out.fellBack;
-        else
-            ++out.held;
+        if (!lost)
+            ++(fellBack ? out.fellBack : out.held);
     }
     ledger.writes.clear();
 }

@@ -4,13 +4,13 @@
 
 #include <QCommandLineParser>
 #include <QCoreApplication>
+#include <QMap>
 #include <QTemporaryDir>
 
 #include <climits>
 #include <cstdio>
 
 using namespace soak;
-using xbchost::Host;
 
 namespace {
 
@@ -26,17 +26,24 @@ enum {
     REPLY_TIMEOUT_MS = 100,
     POLL_INTERVAL_MS = 5,
     KIB_PER_MIB = 1024,
+    MAX_DIFFERENCES_SHOWN = 10,
 };
 
 // Sanitizers keep freed memory in quarantine and shadow every byte.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr int DEFAULT_MAX_RSS_MIB = 768;
+const char *const DEFAULT_MAX_RSS_MIB = "768";
 #else
-constexpr int DEFAULT_MAX_RSS_MIB = 64;
+const char *const DEFAULT_MAX_RSS_MIB = "64";
 #endif
 
-constexpr int DEFAULT_RETRIES = 3;
-const char *const DEFAULT_FAULTS = "drop=10,corrupt=10,truncate=5,delay=5";
+const char *const DESCRIPTION =
+    "Fault soak: the driver, loaded by the runtime stand-in, against xbc-plc-sim\n"
+    "running as its own process with faults on its replies. Writes random words, bits,\n"
+    "runs of bits and contacts, runs condition reads and recipe transfers, and drops\n"
+    "the link now and then. At the end, with the faults off: every write holds in the\n"
+    "simulator or was taken back with a notification, every shown value is the\n"
+    "simulator's, every condition read ended, every recipe request byte is 0, a\n"
+    "recipe round trip holds, and the peak resident memory stays under its bound.";
 
 int exitCode = 0;
 
@@ -59,94 +66,68 @@ int setupError(const QString &text)
 }
 
 struct Options {
-    int seconds = 60;
-    bool pty = false;
-    quint32 seed = 1;
-    QString faults = QLatin1String(DEFAULT_FAULTS);
-    QString driver;
-    QString simulator;
-    int maxRssMib = DEFAULT_MAX_RSS_MIB;
-    int retries = DEFAULT_RETRIES;
-    bool verbose = false;
+    int seconds = 0, seed = 0, maxRssMib = 0, retries = 0;
+    bool pty = false, verbose = false;
+    QString faults, driver, simulator;
 };
 
 QString parseOptions(const QCoreApplication &app, Options &o)
 {
+    struct Spec {
+        const char *name, *valueName, *defaultValue, *help;
+    };
+    const Spec specs[] = {
+        {"seconds", "N", "60", "Length of the faulty run."},
+        {"link", "KIND", "tcp", "tcp (loopback) or pty."},
+        {"seed", "N", "1", "Seed of the work and of the faults."},
+        {"faults", "SPEC", "drop=10,corrupt=10,truncate=5,delay=5,double=5",
+         "Faults of the simulator."},
+        {"driver", "PATH", XBC_DRIVER_PATH, "Driver library to load."},
+        {"sim", "PATH", XBC_SIM_PATH, "xbc-plc-sim to run."},
+        {"max-rss-mb", "MIB", DEFAULT_MAX_RSS_MIB, "Bound of the peak resident memory."},
+        {"retries", "N", "3", "retryTimes of the property string: fewer make more writes fail."},
+    };
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral(
-        "Fault soak: the driver, loaded by the runtime stand-in, against xbc-plc-sim\n"
-        "running as its own process with faults on its replies. Writes random words, bits,\n"
-        "runs of bits and contacts, runs condition reads and recipe transfers, and drops\n"
-        "the link now and then. At the end, with the faults off: every write holds in the\n"
-        "simulator or was taken back with a notification, every shown value is the\n"
-        "simulator's, every condition read ended, every recipe request byte is 0, and the\n"
-        "peak resident memory stays under its bound."));
+    parser.setApplicationDescription(QLatin1String(DESCRIPTION));
     parser.addHelpOption();
-    const QCommandLineOption secondsOpt(QStringLiteral("seconds"),
-                                        QStringLiteral("Length of the faulty run (default 60)."),
-                                        QStringLiteral("N"), QStringLiteral("60"));
-    const QCommandLineOption linkOpt(QStringLiteral("link"),
-                                     QStringLiteral("tcp (loopback, the default) or pty."),
-                                     QStringLiteral("KIND"), QStringLiteral("tcp"));
-    const QCommandLineOption seedOpt(
-        QStringLiteral("seed"), QStringLiteral("Seed of the work and of the faults (default 1)."),
-        QStringLiteral("N"), QStringLiteral("1"));
-    const QCommandLineOption faultsOpt(
-        QStringLiteral("faults"),
-        QStringLiteral("Faults of the simulator (default %1).").arg(QLatin1String(DEFAULT_FAULTS)),
-        QStringLiteral("SPEC"), QLatin1String(DEFAULT_FAULTS));
-    const QCommandLineOption driverOpt(QStringLiteral("driver"),
-                                       QStringLiteral("Driver library to load."),
-                                       QStringLiteral("PATH"), QStringLiteral(XBC_DRIVER_PATH));
-    const QCommandLineOption simOpt(QStringLiteral("sim"), QStringLiteral("xbc-plc-sim to run."),
-                                    QStringLiteral("PATH"), QStringLiteral(XBC_SIM_PATH));
-    const QCommandLineOption rssOpt(
-        QStringLiteral("max-rss-mb"),
-        QStringLiteral("Bound of the peak resident memory (default %1).").arg(DEFAULT_MAX_RSS_MIB),
-        QStringLiteral("MIB"), QString::number(DEFAULT_MAX_RSS_MIB));
-    const QCommandLineOption retriesOpt(
-        QStringLiteral("retries"),
-        QStringLiteral("retryTimes of the property string (default %1): fewer make more "
-                       "writes fail.")
-            .arg(DEFAULT_RETRIES),
-        QStringLiteral("N"), QString::number(DEFAULT_RETRIES));
-    const QCommandLineOption verboseOpt(QStringLiteral("verbose"),
-                                        QStringLiteral("Print the host's link messages."));
-    parser.addOptions({secondsOpt, linkOpt, seedOpt, faultsOpt, driverOpt, simOpt, rssOpt,
-                       retriesOpt, verboseOpt});
+    for (const Spec &s : specs)
+        parser.addOption({QLatin1String(s.name),
+                          QStringLiteral("%1 (default %2).")
+                              .arg(QLatin1String(s.help), QLatin1String(s.defaultValue)),
+                          QLatin1String(s.valueName), QLatin1String(s.defaultValue)});
+    parser.addOption(
+        {QStringLiteral("verbose"), QStringLiteral("Print the host's link messages.")});
     parser.process(app);
-    bool ok = false;
-    o.seconds = parser.value(secondsOpt).toInt(&ok);
-    if (!ok || o.seconds < 1)
-        return QStringLiteral("--seconds: expected a number of at least 1");
-    const QString link = parser.value(linkOpt);
+    QString error;
+    const auto number = [&](const char *name, int min) {
+        bool ok = false;
+        const int n = parser.value(QLatin1String(name)).toInt(&ok);
+        if ((!ok || n < min) && error.isEmpty())
+            error = QStringLiteral("--%1: expected a number of at least %2").arg(name).arg(min);
+        return n;
+    };
+    o.seconds = number("seconds", 1);
+    o.seed = number("seed", 0);
+    o.maxRssMib = number("max-rss-mb", 1);
+    o.retries = number("retries", 1);
+    const QString link = parser.value(QStringLiteral("link"));
     if (link != QLatin1String("tcp") && link != QLatin1String("pty"))
-        return QStringLiteral("--link: expected tcp or pty");
+        error = QStringLiteral("--link: expected tcp or pty");
     o.pty = link == QLatin1String("pty");
-    o.seed = parser.value(seedOpt).toUInt(&ok);
-    if (!ok)
-        return QStringLiteral("--seed: expected a number");
-    o.maxRssMib = parser.value(rssOpt).toInt(&ok);
-    if (!ok || o.maxRssMib < 1)
-        return QStringLiteral("--max-rss-mb: expected a number of at least 1");
-    o.retries = parser.value(retriesOpt).toInt(&ok);
-    if (!ok || o.retries < 1)
-        return QStringLiteral("--retries: expected a number of at least 1");
-    o.faults = parser.value(faultsOpt);
-    o.driver = parser.value(driverOpt);
-    o.simulator = parser.value(simOpt);
-    o.verbose = parser.isSet(verboseOpt);
-    return QString();
+    o.faults = parser.value(QStringLiteral("faults"));
+    o.driver = parser.value(QStringLiteral("driver"));
+    o.simulator = parser.value(QStringLiteral("sim"));
+    o.verbose = parser.isSet(QStringLiteral("verbose"));
+    return error;
 }
 
-void setUpHost(Host &host, Ledger &ledger, const Options &o)
+void setUpHost(Host &host, Ledger &ledger, const Options &o, const SimProcess &sim)
 {
     host.config.properties = QStringLiteral("1#0#0#%1#64").arg(o.retries);
     host.config.replyTimeoutMs = REPLY_TIMEOUT_MS;
     host.config.pollIntervalMs = POLL_INTERVAL_MS;
     host.config.print = [](const QString &) {};
-    const bool verbose = o.verbose;
-    host.config.warn = [verbose](const QString &text) {
+    host.config.warn = [verbose = o.verbose](const QString &text) {
         if (verbose)
             std::fprintf(stderr, "%s\n", text.toLocal8Bit().constData());
     };
@@ -154,23 +135,10 @@ void setUpHost(Host &host, Ledger &ledger, const Options &o)
     QList<QString> bits;
     host.api.getRegListByType(0, bits);
     host.bitRegisters = bits;
-}
-
-void pointHostAt(Host &host, const SimProcess &sim)
-{
-    if (sim.pty) {
-        host.link.config.kind = xbchost::LinkConfig::Serial;
-        host.link.config.device = sim.ptyPath;
-    } else {
-        host.link.config.kind = xbchost::LinkConfig::Tcp;
-        host.link.config.host = QStringLiteral("127.0.0.1");
-        host.link.config.port = sim.port;
-    }
-}
-
-double mib(long kib)
-{
-    return double(kib) / KIB_PER_MIB;
+    host.link.config.kind = sim.pty ? xbchost::LinkConfig::Serial : xbchost::LinkConfig::Tcp;
+    host.link.config.device = sim.ptyPath;
+    host.link.config.host = QStringLiteral("127.0.0.1");
+    host.link.config.port = sim.port;
 }
 
 // Runs the loop with the faults off until the write list is empty, a few full
@@ -191,8 +159,7 @@ bool settle(Host &host, const Work &work)
                host.stats.pollCycles >= cyclesAtEmpty + SETTLE_POLL_CYCLES &&
                !conditionReadOpen(host, work) && !recipePending(host);
     };
-    xbchost::runFor(host, INT_MAX, SETTLE_MAX_MS, settled);
-    return settled();
+    return xbctest::runUntil(host, settled, SETTLE_MAX_MS);
 }
 
 struct Region {
@@ -202,10 +169,9 @@ struct Region {
     int kind;
 };
 const Region CHECKED[] = {
-    {"D_W", "0", D_WORDS, LOC_D_WORD},
-    {"M_bit", "0.0", M_WORDS * 16, LOC_M_BIT},
-    {"TX", "0", CONTACTS, LOC_TX},
-    {"CX", "0", CONTACTS, LOC_CX},
+    {"D_W", "0", D_WORDS, LOC_D_WORD}, {"M_bit", "0.0", M_BITS, LOC_M_BIT},
+    {"TX", "0", CONTACTS, LOC_TX},     {"CX", "0", CONTACTS, LOC_CX},
+    {"M_W", "0", M_WORDS, LOC_M_WORD}, // not written as such: words of the M bits
 };
 
 // The simulator's memory of every written location; false on a control error.
@@ -213,8 +179,8 @@ bool readSimulator(SimProcess &sim, QHash<int, int> &byKey, QString *error)
 {
     for (const Region &r : CHECKED) {
         QVector<int> values;
-        if (!simValues(sim, QLatin1String(r.regName), QLatin1String(r.address), r.count, values,
-                       error))
+        if (!xbctest::simValues(sim, QLatin1String(r.regName), QLatin1String(r.address), r.count,
+                                values, error))
             return false;
         for (int i = 0; i < r.count; ++i)
             byKey.insert(locKey(r.kind, i), values[i]);
@@ -222,7 +188,7 @@ bool readSimulator(SimProcess &sim, QHash<int, int> &byKey, QString *error)
     return true;
 }
 
-// Every shown value, words of M included, is what the simulator holds.
+// Every shown value is what the simulator holds.
 void checkShownValues(Host &host, const QHash<int, int> &byKey)
 {
     int differ = 0;
@@ -230,23 +196,12 @@ void checkShownValues(Host &host, const QHash<int, int> &byKey)
         const QVector<int> shown = xbchost::shownValues(host, QLatin1String(r.regName), 0, r.count);
         for (int i = 0; i < r.count; ++i) {
             const int key = locKey(r.kind, i);
-            if (shown[i] != byKey.value(key) && ++differ <= 10)
+            if (shown[i] != byKey.value(key) && ++differ <= MAX_DIFFERENCES_SHOWN)
                 failCheck(QStringLiteral("%1 shows %2, the simulator holds %3")
                               .arg(locationText(key))
                               .arg(shown[i])
                               .arg(byKey.value(key)));
         }
-    }
-    const QVector<int> words = xbchost::shownValues(host, QStringLiteral("M_W"), 0, M_WORDS);
-    for (int w = 0; w < M_WORDS; ++w) {
-        int held = 0;
-        for (int b = 0; b < 16; ++b)
-            held |= byKey.value(locKey(LOC_M_BIT, w * 16 + b)) << b;
-        if (words[w] != held && ++differ <= 10)
-            failCheck(QStringLiteral("M_W %1 shows %2, the simulator holds %3")
-                          .arg(w)
-                          .arg(words[w])
-                          .arg(held));
     }
     if (differ > 0)
         failCheck(QStringLiteral("%1 shown values differ from the simulator's").arg(differ));
@@ -255,19 +210,15 @@ void checkShownValues(Host &host, const QHash<int, int> &byKey)
 // "requests N naks N dropped N ..." of every simulator run, added up.
 QString simulatorTotals(const QStringList &runs)
 {
-    QStringList names;
-    QHash<QString, qint64> sums;
+    QMap<QString, qint64> sums;
     for (const QString &run : runs) {
         const QStringList words = run.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-        for (int i = 0; i + 1 < words.size(); i += 2) {
-            if (!names.contains(words[i]))
-                names << words[i];
+        for (int i = 0; i + 1 < words.size(); i += 2)
             sums[words[i]] += words[i + 1].toLongLong();
-        }
     }
     QStringList parts;
-    for (const QString &n : names)
-        parts << QStringLiteral("%1 %2").arg(n).arg(sums.value(n));
+    for (auto it = sums.cbegin(); it != sums.cend(); ++it)
+        parts << QStringLiteral("%1 %2").arg(it.key()).arg(it.value());
     return parts.join(QStringLiteral(", "));
 }
 
@@ -275,49 +226,30 @@ void report(const Options &o, Host &host, const Ledger &ledger, const Work &work
 {
     const Outcomes &w = ledger.outcomes;
     const xbchost::HostStats &s = host.stats;
-    say(QStringLiteral("writes %1: landed %2, failed and reported %3, replaced in the queue %4, "
-                       "lost %5")
-            .arg(w.writes)
-            .arg(w.held + w.acknowledged)
-            .arg(w.fellBack + w.failed)
-            .arg(w.replacedInQueue)
-            .arg(w.lost));
-    say(QStringLiteral("  last writes of their place: held %1, fell back with a notification %2; "
-                       "overwritten later: acknowledged %3, failed %4, replaced in the queue %5")
-            .arg(w.held)
-            .arg(w.fellBack)
-            .arg(w.acknowledged)
-            .arg(w.failed)
-            .arg(w.replacedInQueue));
-    say(QStringLiteral("condition reads %1: ended %2, ended failed %3")
-            .arg(work.stats.conditionReads)
-            .arg(host.conditionsDone)
-            .arg(host.conditionsFailed));
-    say(QStringLiteral("recipe transfers %1: downloads %2, uploads %3")
-            .arg(work.stats.downloads + work.stats.uploads)
-            .arg(work.stats.downloads)
-            .arg(work.stats.uploads));
-    say(QStringLiteral("link drops %1: closed by the simulator %2, simulator restarts %3; "
-                       "the host saw %4")
-            .arg(work.stats.linkDropsByClose + work.stats.restarts)
-            .arg(work.stats.linkDropsByClose)
-            .arg(work.stats.restarts)
-            .arg(s.linkDrops));
-    say(QStringLiteral("frames %1, good replies %2, retries %3, abandoned %4, poll cycles %5")
-            .arg(s.framesSent)
-            .arg(s.goodReplies)
-            .arg(s.retries)
-            .arg(s.abandoned)
-            .arg(s.pollCycles));
+    say(QString::asprintf(
+        "writes %d: last of their place held %d, fell back with a notification "
+        "%d, lost %d; overwritten later: acknowledged %d, failed %d, replaced "
+        "in the queue %d",
+        w.held + w.fellBack + int(w.lost.size()) + w.acknowledged + w.failed + w.replacedInQueue,
+        w.held, w.fellBack, int(w.lost.size()), w.acknowledged, w.failed, w.replacedInQueue));
+    say(QString::asprintf("condition reads %d: ended %d, ended failed %d; recipe downloads %d, "
+                          "uploads %d",
+                          work.conditionReads, host.conditionsDone, host.conditionsFailed,
+                          work.downloads, work.uploads));
+    say(QString::asprintf("link drops: closed by the simulator %d, simulator restarts %d; the "
+                          "host saw %d",
+                          work.linkCloses, work.restarts, int(s.linkDrops)));
+    say(QString::asprintf("frames %lld, good replies %lld, retries %lld, abandoned %lld, poll "
+                          "cycles %lld",
+                          qint64(s.framesSent), qint64(s.goodReplies), qint64(s.retries),
+                          qint64(s.abandoned), qint64(s.pollCycles)));
     say(QStringLiteral("simulator: %1").arg(simulatorTotals(work.simStats)));
     const long peak = peakRssKib();
-    say(QStringLiteral("peak RSS %1 MiB (bound %2 MiB)")
-            .arg(mib(peak), 0, 'f', 1)
-            .arg(o.maxRssMib));
+    say(QString::asprintf("peak RSS %.1f MiB (bound %d MiB)", peak / double(KIB_PER_MIB),
+                          o.maxRssMib));
     if (peak > long(o.maxRssMib) * KIB_PER_MIB)
-        failCheck(QStringLiteral("peak RSS %1 MiB is over the bound of %2 MiB")
-                      .arg(mib(peak), 0, 'f', 1)
-                      .arg(o.maxRssMib));
+        failCheck(QString::asprintf("peak RSS %.1f MiB is over the bound of %d MiB",
+                                    peak / double(KIB_PER_MIB), o.maxRssMib));
 }
 
 void finalChecks(Host &host, Ledger &ledger, Work &work, SimProcess &sim)
@@ -328,12 +260,10 @@ void finalChecks(Host &host, Ledger &ledger, Work &work, SimProcess &sim)
                       .arg(host.api.driver->writeList.size())
                       .arg(conditionReadOpen(host, work))
                       .arg(recipePending(host)));
-    if (recipePending(host))
-        failCheck(QStringLiteral("a recipe request byte stayed set"));
     const int ended = host.conditionsDone + host.conditionsFailed;
-    if (ended != work.stats.conditionReads)
+    if (ended != work.conditionReads)
         failCheck(QStringLiteral("%1 condition reads, %2 ends reported")
-                      .arg(work.stats.conditionReads)
+                      .arg(work.conditionReads)
                       .arg(ended));
     QHash<int, int> byKey;
     QString error;
@@ -343,7 +273,7 @@ void finalChecks(Host &host, Ledger &ledger, Work &work, SimProcess &sim)
     }
     checkShownValues(host, byKey);
     checkFinalWrites(ledger, host, byKey);
-    for (const QString &lost : ledger.outcomes.lostDetails)
+    for (const QString &lost : ledger.outcomes.lost)
         failCheck(QStringLiteral("lost: ") + lost);
     const QString recipe = checkRecipeRoundTrip(host, sim);
     if (!recipe.isEmpty())
@@ -357,27 +287,24 @@ int main(int argc, char **argv)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("xbc-soak"));
     Options o;
-    const QString optionError = parseOptions(app, o);
-    if (!optionError.isEmpty())
-        return setupError(optionError);
+    QString error = parseOptions(app, o);
+    if (!error.isEmpty())
+        return setupError(error);
 
     Host host;
     Ledger ledger;
-    QString error;
-    if (!xbchost::loadDriver(host.api, o.driver, &error))
-        return setupError(error);
-    setUpHost(host, ledger, o);
-
     QTemporaryDir scratch;
     SimProcess sim;
     sim.program = o.simulator;
     sim.pty = o.pty;
     sim.args = QStringList{QStringLiteral("--faults"),
                            QStringLiteral("%1,seed=%2").arg(o.faults).arg(o.seed)};
+    if (!xbchost::loadDriver(host.api, o.driver, &error))
+        return setupError(error);
     if (!scratch.isValid() || !startSim(sim, &error))
         return setupError(error.isEmpty() ? QStringLiteral("no scratch directory") : error);
     const QString memoryFile = scratch.filePath(QStringLiteral("memory.bin"));
-    pointHostAt(host, sim);
+    setUpHost(host, ledger, o, sim);
     say(QStringLiteral("xbc-soak: %1 s over %2, faults %3, seed %4")
             .arg(o.seconds)
             .arg(o.pty ? QStringLiteral("a pseudo-terminal") : QStringLiteral("TCP loopback"),
@@ -385,31 +312,26 @@ int main(int argc, char **argv)
             .arg(o.seed));
 
     Work work;
-    work.rng.seed(o.seed);
+    work.rng.seed(quint32(o.seed));
     planWatchesAndRecipes(host);
     xbchost::startRun(host);
-    work.nextLinkDropMs = LINK_DROP_MIN_MS;
-    qint64 nextProgressMs = PROGRESS_EVERY_MS;
-    const qint64 endMs = qint64(o.seconds) * 1000;
-    while (host.clock.elapsed() < endMs) {
+    qint64 nextLinkDropMs = LINK_DROP_MIN_MS, nextProgressMs = PROGRESS_EVERY_MS;
+    for (qint64 now = 0; now < qint64(o.seconds) * 1000; now = host.clock.elapsed()) {
         randomWork(work, host, ledger);
         xbchost::runFor(host, INT_MAX, TICK_MS);
         host.notes.clear(); // the ledger keeps what the checks need
-        const qint64 now = host.clock.elapsed();
+        now = host.clock.elapsed();
         foldOverwritten(ledger, host, now, FOLD_GRACE_MS);
-        if (now >= work.nextLinkDropMs) {
+        if (now >= nextLinkDropMs) {
             if (!dropLinkNow(work, host, sim, memoryFile, &error))
                 return setupError(error);
-            work.nextLinkDropMs = now + std::uniform_int_distribution<int>(
-                                            LINK_DROP_MIN_MS, LINK_DROP_MAX_MS)(work.rng);
+            nextLinkDropMs = now + std::uniform_int_distribution<int>(LINK_DROP_MIN_MS,
+                                                                      LINK_DROP_MAX_MS)(work.rng);
         }
         if (now >= nextProgressMs) {
-            say(QStringLiteral("%1 s: frames %2, writes %3, condition reads %4, RSS peak %5 MiB")
-                    .arg(now / 1000)
-                    .arg(host.stats.framesSent)
-                    .arg(ledger.outcomes.writes + ledger.writes.size())
-                    .arg(work.stats.conditionReads)
-                    .arg(mib(peakRssKib()), 0, 'f', 1));
+            say(QString::asprintf("%lld s: frames %lld, condition reads %d, RSS peak %.1f MiB",
+                                  now / 1000, qint64(host.stats.framesSent), work.conditionReads,
+                                  peakRssKib() / double(KIB_PER_MIB)));
             nextProgressMs += PROGRESS_EVERY_MS;
         }
     }

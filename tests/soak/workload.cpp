@@ -8,10 +8,11 @@ namespace soak {
 
 namespace {
 
-using xbchost::Host;
+using xbctest::simValues;
 
 enum {
     PERCENT = 100,
+    PER_MILLE = 1000,
     WRITES_PER_SECOND = 8,
     CONDITION_READ_PERCENT = 10, // ticks that start a condition read when none is open
     RECIPE_PER_MILLE = 25,       // ticks that start a recipe transfer when none is pending
@@ -19,13 +20,13 @@ enum {
     MAX_CONTACT_RUN = 4,
     MAX_BURST = 8,        // writes of one toggle burst
     BURST_PER_MILLE = 30, // ticks that start one
-    M_BITS = M_WORDS * 16,
     RECIPE_BUFFER_WORDS = 40,
     RECIPE_WAIT_MS = 15000,
 };
 
 // Recipe variables, apart from everything written at random so that the two
-// never decide each other's outcome. Bit variables take one buffer word a bit.
+// never decide each other's outcome. A bit variable (contacts too) takes one
+// buffer word per bit, 0 or 1.
 struct RecipeVar {
     const char *regName;
     const char *addressText; // the simulator's notation
@@ -33,14 +34,12 @@ struct RecipeVar {
     int count;
     int bufferIndex;
     bool bits;
+    bool ours = true; // false: another driver's, which this one leaves alone
 };
-// Contacts stay out: a recipe unit of one bit takes no bytes of the buffer, so
-// a contact download always writes 0.
 const RecipeVar RECIPE_VARS[] = {
-    {"D_W", "2000", 2000, 8, 0, false},
-    {"D_W", "2008", 2008, 4, 8, false},
-    {"M_W", "100", 100, 2, 16, false},
-    {"L_bit", "1.0", 16, 5, 20, true},
+    {"D_W", "2000", 2000, 8, 0, false}, {"D_W", "2008", 2008, 4, 8, false},
+    {"M_W", "100", 100, 2, 16, false},  {"L_bit", "1.0", 16, 5, 20, true},
+    {"TX", "100", 100, 4, 26, true},    {"D_W", "2100", 2100, 2, 30, false, false},
 };
 
 int draw(Work &work, int from, int to)
@@ -64,53 +63,36 @@ int bitByte(Work &work)
 void queueValues(Host &host, Ledger &ledger, const QString &reg, int address,
                  const QVector<int> &values)
 {
-    const bool bits = xbchost::isBitRegister(host, reg);
-    QByteArray data;
-    for (int v : values) {
-        data.append(char(v & 0xFF));
-        if (!bits)
-            data.append(char(v >> 8));
-    }
-    const int tag = xbchost::queueWrite(host, reg, address, values.size(), data);
+    const int tag = xbctest::queueValues(host, reg, address, values);
     recordWrite(ledger, tag, reg, address, values, host.clock.elapsed());
 }
 
 void queueRandomWrite(Work &work, Host &host, Ledger &ledger)
 {
-    QString reg;
-    int address = 0;
-    int count = 1;
-    bool bits = true;
-    const int form = draw(work, 0, PERCENT - 1);
-    if (form < 30) { // one word
-        reg = QStringLiteral("D_W");
-        address = draw(work, 0, D_WORDS - 1);
-        bits = false;
-    } else if (form < 40) { // a run of words
-        reg = QStringLiteral("D_W");
-        count = draw(work, 2, MAX_RUN);
-        address = draw(work, 0, D_WORDS - count);
-        bits = false;
-    } else if (form < 60) { // one bit
-        reg = QStringLiteral("M_bit");
-        address = draw(work, 0, M_BITS - 1);
-    } else if (form < 70) { // a run of bits: read, then written back
-        reg = QStringLiteral("M_bit");
-        count = draw(work, 2, MAX_RUN);
-        address = draw(work, 0, M_BITS - count);
-    } else if (form < 80) { // a word over the same bits
-        reg = QStringLiteral("M_W");
-        address = draw(work, 0, M_WORDS - 1);
-        bits = false;
-    } else { // contacts, one frame each
-        reg = chance(work, 50) ? QStringLiteral("TX") : QStringLiteral("CX");
-        count = draw(work, 1, MAX_CONTACT_RUN);
-        address = draw(work, 0, CONTACTS - count);
-    }
+    struct Form {
+        int upTo; // percent
+        const char *reg;
+        int minCount, maxCount, places;
+    };
+    static const Form forms[] = {
+        {30, "D_W", 1, 1, D_WORDS},
+        {40, "D_W", 2, MAX_RUN, D_WORDS},
+        {60, "M_bit", 1, 1, M_BITS},
+        {70, "M_bit", 2, MAX_RUN, M_BITS},        // a run of bits: read, then written back
+        {80, "M_W", 1, 1, M_WORDS},               // a word over the same bits
+        {90, "TX", 1, MAX_CONTACT_RUN, CONTACTS}, // contacts, one frame each
+        {100, "CX", 1, MAX_CONTACT_RUN, CONTACTS},
+    };
+    const int pick = draw(work, 0, PERCENT - 1);
+    const Form &f = *std::find_if(std::begin(forms), std::end(forms),
+                                  [pick](const Form &form) { return pick < form.upTo; });
+    const QString reg = QLatin1String(f.reg);
+    const int count = draw(work, f.minCount, f.maxCount);
+    const bool bits = xbchost::isBitRegister(host, reg);
     QVector<int> values;
     for (int i = 0; i < count; ++i)
         values.append(bits ? bitByte(work) : draw(work, 0, 0xFFFF));
-    queueValues(host, ledger, reg, address, values);
+    queueValues(host, ledger, reg, draw(work, 0, f.places - count), values);
 }
 
 // Quick toggles of two bits of one word with word writes in between, as a
@@ -119,15 +101,12 @@ void queueRandomWrite(Work &work, Host &host, Ledger &ledger)
 void queueToggleBurst(Work &work, Host &host, Ledger &ledger)
 {
     const int word = draw(work, 0, M_WORDS - 1);
-    const int first = word * 16 + draw(work, 0, 15);
-    const int second = word * 16 + draw(work, 0, 15);
-    const int steps = draw(work, 3, MAX_BURST);
-    for (int i = 0; i < steps; ++i) {
+    const int bits[] = {word * 16 + draw(work, 0, 15), word * 16 + draw(work, 0, 15)};
+    for (int steps = draw(work, 3, MAX_BURST); steps > 0; --steps) {
         const int form = draw(work, 0, 9);
-        if (form < 4)
-            queueValues(host, ledger, QStringLiteral("M_bit"), first, {bitByte(work)});
-        else if (form < 7)
-            queueValues(host, ledger, QStringLiteral("M_bit"), second, {bitByte(work)});
+        if (form < 7)
+            queueValues(host, ledger, QStringLiteral("M_bit"), bits[form < 4 ? 0 : 1],
+                        {bitByte(work)});
         else if (form < 9)
             queueValues(host, ledger, QStringLiteral("D_W"), draw(work, 0, D_WORDS - 1),
                         {draw(work, 0, 0xFFFF)});
@@ -140,17 +119,17 @@ void startConditionRead(Work &work, Host &host)
 {
     static const struct {
         const char *regName;
-        int first, last, maxCount;
+        int last, maxCount;
     } choices[] = {
-        {"D_W", 0, 3000, 300},   // watched words and others, several pieces
-        {"M_bit", 0, 4000, 300}, // read through the words that hold the bits
-        {"TX", 0, 500, 40},
-        {"L_W", 0, 1000, 64},
+        {"D_W", 3000, 300},   // watched words and others, several pieces
+        {"M_bit", 4000, 300}, // read through the words that hold the bits
+        {"TX", 500, 40},
+        {"L_W", 1000, 64},
     };
     const auto &c = choices[draw(work, 0, int(std::size(choices)) - 1)];
-    const int count = draw(work, 1, c.maxCount);
-    xbchost::queueConditionRead(host, QLatin1String(c.regName), draw(work, c.first, c.last), count);
-    ++work.stats.conditionReads;
+    xbchost::queueConditionRead(host, QLatin1String(c.regName), draw(work, 0, c.last),
+                                draw(work, 1, c.maxCount));
+    ++work.conditionReads;
 }
 
 void setBufferWord(Host &host, int word, int value)
@@ -164,42 +143,39 @@ int bufferWord(const Host &host, int word)
     return host.recipeBuffer[2 * word] | (host.recipeBuffer[2 * word + 1] << 8);
 }
 
-void fillRecipeBuffer(Work &work, Host &host)
-{
-    for (const RecipeVar &v : RECIPE_VARS)
-        for (int i = 0; i < v.count; ++i)
-            setBufferWord(host, v.bufferIndex + i, v.bits ? bitByte(work) : draw(work, 0, 0xFFFF));
-}
-
 void startRecipe(Work &work, Host &host)
 {
     const bool download = chance(work, 50);
     if (download) {
-        fillRecipeBuffer(work, host);
-        ++work.stats.downloads;
+        for (const RecipeVar &v : RECIPE_VARS)
+            for (int i = 0; i < v.count; ++i)
+                setBufferWord(host, v.bufferIndex + i,
+                              v.bits ? bitByte(work) : draw(work, 0, 0xFFFF));
+        ++work.downloads;
     } else {
         host.uploadedWords.clear();
-        ++work.stats.uploads;
+        ++work.uploads;
     }
     xbchost::requestRecipe(host, download);
 }
 
-bool runUntil(Host &host, const std::function<bool()> &done, int maxMs)
+// What unit i of a variable holds after a download of `sent`, in the PLC and
+// in the buffer after an upload: another driver's variable keeps 0.
+int recipeUnitAfter(const RecipeVar &v, int i, const QVector<int> &sent)
 {
-    xbchost::runFor(host, INT_MAX, maxMs, done);
-    return done();
+    const int word = sent[v.bufferIndex + i];
+    return !v.ours ? 0 : v.bits ? int((word & 0xFF) != 0) : word;
 }
 
 } // namespace
 
 void planWatchesAndRecipes(Host &host)
 {
-    const QStringList watches{QStringLiteral("D_W:0:%1").arg(int(D_WORDS)),
-                              QStringLiteral("M_bit:0.0:%1").arg(int(M_BITS)),
-                              QStringLiteral("M_W:0:%1").arg(int(M_WORDS)),
-                              QStringLiteral("TX:0:%1").arg(int(CONTACTS)),
-                              QStringLiteral("CX:0:%1").arg(int(CONTACTS))};
-    for (const QString &text : watches) {
+    for (const QString &text : {QStringLiteral("D_W:0:%1").arg(int(D_WORDS)),
+                                QStringLiteral("M_bit:0.0:%1").arg(int(M_BITS)),
+                                QStringLiteral("M_W:0:%1").arg(int(M_WORDS)),
+                                QStringLiteral("TX:0:%1").arg(int(CONTACTS)),
+                                QStringLiteral("CX:0:%1").arg(int(CONTACTS))}) {
         xbchost::WatchItem item;
         const QString error = xbchost::parseWatch(host, text, item);
         Q_ASSERT(error.isEmpty());
@@ -207,13 +183,13 @@ void planWatchesAndRecipes(Host &host)
     }
     const int driverId = xbchost::parseProperties(host.config.properties).driverId;
     for (const RecipeVar &v : RECIPE_VARS)
-        host.recipeVars.append({driverId, host.config.stationNo, QLatin1String(v.regName),
-                                v.address, v.count, v.bufferIndex, 0});
+        host.recipeVars.append({v.ours ? driverId : driverId + 1, host.config.stationNo,
+                                QLatin1String(v.regName), v.address, v.count, v.bufferIndex, 0});
 }
 
 bool conditionReadOpen(const Host &host, const Work &work)
 {
-    return host.conditionsDone + host.conditionsFailed < work.stats.conditionReads;
+    return host.conditionsDone + host.conditionsFailed < work.conditionReads;
 }
 
 bool recipePending(Host &host)
@@ -229,13 +205,13 @@ void randomWork(Work &work, Host &host, Ledger &ledger)
     work.lastWorkMs = now;
     for (; work.writeBudget >= 1; work.writeBudget -= 1)
         queueRandomWrite(work, host, ledger);
-    if (draw(work, 0, 999) < BURST_PER_MILLE)
+    if (draw(work, 0, PER_MILLE - 1) < BURST_PER_MILLE)
         queueToggleBurst(work, host, ledger);
     // A runtime waits for the end of one condition read before the next: the
     // driver reports the end of the last one queued.
     if (!conditionReadOpen(host, work) && chance(work, CONDITION_READ_PERCENT))
         startConditionRead(work, host);
-    if (!recipePending(host) && draw(work, 0, 999) < RECIPE_PER_MILLE)
+    if (!recipePending(host) && draw(work, 0, PER_MILLE - 1) < RECIPE_PER_MILLE)
         startRecipe(work, host);
 }
 
@@ -247,18 +223,18 @@ bool dropLinkNow(Work &work, Host &host, SimProcess &sim, const QString &memoryF
             return false;
         if (sim.pty)
             sim.ptyPath = answer.section(QLatin1Char(' '), 1);
-        ++work.stats.linkDropsByClose;
+        ++work.linkCloses;
     } else {
-        if (!simCommand(sim, QStringLiteral("save %1").arg(memoryFile), nullptr, error))
-            return false;
         QString stats;
-        if (simCommand(sim, QStringLiteral("stats"), &stats, error))
-            work.simStats << stats;
+        if (!simCommand(sim, QStringLiteral("save %1").arg(memoryFile), nullptr, error) ||
+            !simCommand(sim, QStringLiteral("stats"), &stats, error))
+            return false;
+        work.simStats << stats;
         stopSim(sim);
         if (!startSim(sim, error) ||
             !simCommand(sim, QStringLiteral("load %1").arg(memoryFile), nullptr, error))
             return false;
-        ++work.stats.restarts;
+        ++work.restarts;
     }
     if (sim.pty)
         host.link.config.device = sim.ptyPath;
@@ -278,49 +254,38 @@ QString checkRecipeRoundTrip(Host &host, SimProcess &sim)
     for (int w = 0; w < RECIPE_BUFFER_WORDS; ++w)
         sent.append(bufferWord(host, w));
     xbchost::requestRecipe(host, true);
-    if (!runUntil(
+    if (!xbctest::runUntil(
             host, [&host]() { return !xbchost::recipePending(host, true); }, RECIPE_WAIT_MS))
         return QStringLiteral("the download request byte stayed set");
+    QStringList wrong;
+    const auto expectUnit = [&](const char *step, const RecipeVar &v, int i, int got) {
+        if (got != recipeUnitAfter(v, i, sent))
+            wrong << QStringLiteral("%1: %2 %3 +%4 holds %5, not %6")
+                         .arg(QLatin1String(step), QLatin1String(v.regName),
+                              QLatin1String(v.addressText))
+                         .arg(i)
+                         .arg(got)
+                         .arg(recipeUnitAfter(v, i, sent));
+    };
     for (const RecipeVar &v : RECIPE_VARS) {
         QVector<int> held;
         QString error;
         if (!simValues(sim, QLatin1String(v.regName), QLatin1String(v.addressText), v.count, held,
                        &error))
             return error;
-        for (int i = 0; i < v.count; ++i) {
-            const int want =
-                v.bits ? int((sent[v.bufferIndex + i] & 0xFF) != 0) : sent[v.bufferIndex + i];
-            if (held[i] != want)
-                return QStringLiteral("download: %1 %2 +%3 holds %4, the buffer gave %5")
-                    .arg(QLatin1String(v.regName), QLatin1String(v.addressText))
-                    .arg(i)
-                    .arg(held[i])
-                    .arg(want);
-        }
+        for (int i = 0; i < v.count; ++i)
+            expectUnit("download", v, i, held[i]);
     }
     for (int w = 0; w < RECIPE_BUFFER_WORDS; ++w)
         setBufferWord(host, w, 0);
     xbchost::requestRecipe(host, false);
-    if (!runUntil(
+    if (!xbctest::runUntil(
             host, [&host]() { return !xbchost::recipePending(host, false); }, RECIPE_WAIT_MS))
         return QStringLiteral("the upload request byte stayed set");
-    QStringList wrong;
-    for (const RecipeVar &v : RECIPE_VARS) {
-        for (int i = 0; i < v.count; ++i) {
-            const int at = v.bufferIndex + i;
-            const int want = v.bits ? int((sent[at] & 0xFF) != 0) : sent[at];
-            if (bufferWord(host, at) != want)
-                wrong << QStringLiteral("word %1 (%2 %3 +%4) holds %5, the PLC %6")
-                             .arg(at)
-                             .arg(QLatin1String(v.regName), QLatin1String(v.addressText))
-                             .arg(i)
-                             .arg(bufferWord(host, at))
-                             .arg(want);
-        }
-    }
-    if (!wrong.isEmpty())
-        return QStringLiteral("upload: ") + wrong.join(QStringLiteral("; "));
-    return QString();
+    for (const RecipeVar &v : RECIPE_VARS)
+        for (int i = 0; i < v.count; ++i)
+            expectUnit("upload", v, i, bufferWord(host, v.bufferIndex + i));
+    return wrong.join(QStringLiteral("; "));
 }
 
 long peakRssKib()
