@@ -53,21 +53,19 @@ const char DESCRIPTION[] =
     "table, all zero at start). It listens on 127.0.0.1 only and prints\n"
     "'tcp 127.0.0.1:PORT' and, with --pty, 'pty PATH' once it is ready.\n"
     "Error replies: NAK, the command character, an error code pair (01 malformed,\n"
-    "02 checksum, 03 command, 04 area, 05 range, 06 count), checksum, EOT.";
-
-const char CONTROL_HELP[] = "Take commands on standard input, one a line, each answered with one\n"
-                            "line 'ok ...' or 'error ...' on standard output; end of input stops\n"
-                            "the simulator. Commands:\n"
-                            "  faults off | faults SPEC   reply faults, SPEC as for --faults\n"
-                            "                             (the counters go on counting)\n"
-                            "  drop link                  close the TCP clients and replace the\n"
-                            "                             pseudo-terminal ('ok pty PATH')\n"
-                            "  read REGISTER ADDRESS N    N values, e.g. 'read D_W 0 100',\n"
-                            "                             'read M_bit 3.4 20' ('ok V1 V2 ...')\n"
-                            "  save FILE | load FILE      the whole memory (restart keeping it)\n"
-                            "  stats                      requests, NAK replies and faults so far\n"
-                            "An empty or unknown command, or a line longer than 4096 characters,\n"
-                            "gets one 'error ...' line.";
+    "02 checksum, 03 command, 04 area, 05 range, 06 count), checksum, EOT.\n"
+    "\n"
+    "With --control it takes commands on standard input, one a line, and answers\n"
+    "each with one line 'ok ...' or 'error ...' on standard output (an empty or\n"
+    "unknown command and a line over 4096 characters too); end of input stops it:\n"
+    "  faults off | faults SPEC   reply faults, SPEC as for --faults; the counters\n"
+    "                             go on counting\n"
+    "  drop link                  close the TCP clients and replace the\n"
+    "                             pseudo-terminal ('ok pty PATH')\n"
+    "  read REGISTER ADDRESS N    N values, e.g. 'read D_W 0 100',\n"
+    "                             'read M_bit 3.4 20' ('ok V1 V2 ...')\n"
+    "  save FILE | load FILE      the whole memory (restart keeping it)\n"
+    "  stats                      requests, NAK replies and faults so far";
 
 struct Options {
     QCommandLineOption port{
@@ -80,17 +78,17 @@ struct Options {
         QStringLiteral("Also serve a pseudo-terminal; its slave path is printed.")};
     QCommandLineOption set{
         QStringLiteral("set"),
-        QStringLiteral("Preset memory, e.g. D_W:100=1234, M_bit:3.4=1, TX:7=1 (repeatable); a\n"
+        QStringLiteral("Preset memory, e.g. D_W:100=1234, M_bit:3.4=1, TX:7=1 (repeatable); a "
                        "word takes 0 to 65535 (or 0x0 to 0xFFFF), a bit 0 or 1."),
         QStringLiteral("REG:ADDRESS=VALUE")};
     QCommandLineOption counter{
         QStringLiteral("counter"),
-        QStringLiteral("Word that counts up every period, e.g. D_W:0 (repeatable; a word\n"
+        QStringLiteral("Word that counts up every period, e.g. D_W:0 (repeatable; a word "
                        "register only)."),
         QStringLiteral("REG:ADDRESS")};
     QCommandLineOption blink{
         QStringLiteral("blink"),
-        QStringLiteral("Bit that toggles every period, e.g. M_bit:0.0 or TX:3 (repeatable; a\n"
+        QStringLiteral("Bit that toggles every period, e.g. M_bit:0.0 or TX:3 (repeatable; a "
                        "bit register or contact only)."),
         QStringLiteral("REG:ADDRESS")};
     QCommandLineOption period{QStringLiteral("period"),
@@ -102,30 +100,33 @@ struct Options {
         QStringLiteral("SPEC")};
     QCommandLineOption trace{
         QStringLiteral("trace"),
-        QStringLiteral("Print every request and reply on stderr with its time (HH:MM:SS.mmm)\n"
-                       "and number, e.g. 'sim <- #12 ...', 'sim -> #12 ...'; a reply spoilt by\n"
-                       "a fault is marked '[fault corrupt]', a dropped one 'no reply [fault\n"
+        QStringLiteral("Print every request and reply on stderr with its time (HH:MM:SS.mmm) "
+                       "and number, e.g. 'sim <- #12 ...', 'sim -> #12 ...'; a reply spoilt by "
+                       "a fault is marked '[fault corrupt]', a dropped one 'no reply [fault "
                        "drop]'. Clients connecting and closing are traced too.")};
     QCommandLineOption line{
         QStringLiteral("line"),
-        QStringLiteral("Keep the time of a serial line BAUD,DATABITS,PARITY,STOPBITS, e.g.\n"
-                       "115200,8,NONE,1: a reply leaves no sooner than the request and the\n"
-                       "reply take on that line (start bit, data bits, parity bit if any and\n"
-                       "stop bits per character), plus the scan time, counted from the\n"
-                       "request's first byte arriving; it goes whole at the time its last\n"
-                       "character would arrive. Over TCP and the pseudo-terminal alike.\n"
+        QStringLiteral("Keep the time of a serial line BAUD,DATABITS,PARITY,STOPBITS, e.g. "
+                       "115200,8,NONE,1: a reply leaves no sooner than the request and the "
+                       "reply take on that line (start bit, data bits, parity bit if any and "
+                       "stop bits per character), plus the scan time, counted from the "
+                       "request's first byte arriving; it goes whole at the time its last "
+                       "character would arrive. Over TCP and the pseudo-terminal alike. "
                        "Without it replies leave at once."),
         QStringLiteral("PARAMS")};
     QCommandLineOption scanMs{
         QStringLiteral("scan-ms"),
-        QStringLiteral("Scan time in ms between a request and its reply (default 0), on top\n"
+        QStringLiteral("Scan time in ms between a request and its reply (default 0), on top "
                        "of the line time of --line."),
         QStringLiteral("MS"), QStringLiteral("0")};
     QCommandLineOption duration{
         QStringLiteral("duration"),
         QStringLiteral("Stop after this many seconds (default 0: run until interrupted)."),
         QStringLiteral("SECONDS"), QStringLiteral("0")};
-    QCommandLineOption control{QStringLiteral("control"), QLatin1String(CONTROL_HELP)};
+    QCommandLineOption control{
+        QStringLiteral("control"),
+        QStringLiteral("Take commands on standard input (see above); end of input stops the "
+                       "simulator.")};
 
     // The description, --help and every option.
     void addTo(QCommandLineParser &parser) const
