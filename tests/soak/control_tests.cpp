@@ -176,10 +176,10 @@ TEST(SimProgram, KeepsTheLineTimeOverTcpAndThePseudoTerminal)
         ASSERT_TRUE(xbctest::startSim(sim, &error)) << error.toStdString();
         const int fd = connectTo(sim);
         double fastest = 1e9; // of a few: a busy machine only ever adds
-        for (int i = 0; i < 3 && fd >= 0; ++i)
+        for (int i = 0; i < 5 && fd >= 0; ++i)
             fastest = std::min(fastest, exchangeMs(fd));
         EXPECT_GE(fastest, c.ms) << qPrintable(c.args.join(' '));
-        EXPECT_LE(fastest, c.ms * 1.02 + 0.5) << qPrintable(c.args.join(' '));
+        EXPECT_LE(fastest, c.ms * 1.02 + 1) << qPrintable(c.args.join(' '));
         ::close(fd);
         xbctest::stopSim(sim);
     }

@@ -93,7 +93,8 @@ void judgeReply(Exchanges &ex, const QByteArray &reply)
     ex.lastReplyBad = bad;
 }
 
-void finishReply(Exchanges &ex, const QByteArray &reply)
+// By value: the reply may be ex.reply itself, cleared here.
+void finishReply(Exchanges &ex, const QByteArray reply)
 {
     ex.awaitingReply = false;
     ex.reply.clear();

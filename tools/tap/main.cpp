@@ -117,8 +117,7 @@ QString readLinks(const QCommandLineParser &parser, const Options &opt, xbctap::
         c.plcDevice = parser.value(opt.serialPlc);
         if (c.runtimeDevice == c.plcDevice)
             return QStringLiteral("--serial-runtime and --serial-plc name the same device");
-        c.line = parser.value(opt.line);
-        return QString();
+        return xbctap::parseSerialLine(parser.value(opt.line), c.line);
     }
     if (!parser.isSet(opt.listen) || !parser.isSet(opt.plc))
         return QStringLiteral("a TCP tap needs both --listen and --plc");

@@ -7,7 +7,6 @@
 // is closed too, so each sees the drop it would see without the tap. Serial
 // devices that fail are reopened until they come back.
 #include "tap.h"
-#include "xbc_host.h"
 
 #include <QCoreApplication>
 #include <QDateTime>
@@ -253,10 +252,7 @@ QString startTcp(Relay &r)
 
 QString openPort(Relay &r, QSerialPort &port)
 {
-    xbchost::SerialLine line;
-    const QString lineError = xbchost::parseSerialLine(r.config.line, line);
-    if (!lineError.isEmpty())
-        return QStringLiteral("--line: %1").arg(lineError);
+    const SerialLine &line = r.config.line;
     if (!port.open(QIODevice::ReadWrite))
         return QStringLiteral("cannot open %1: %2").arg(port.portName(), port.errorString());
     if (!(port.setBaudRate(line.baud) && port.setDataBits(line.dataBits) &&
@@ -264,8 +260,8 @@ QString openPort(Relay &r, QSerialPort &port)
           port.setFlowControl(QSerialPort::NoFlowControl))) {
         const QString reason = port.errorString();
         port.close();
-        return QStringLiteral("cannot set %1 on %2: %3")
-            .arg(r.config.line, port.portName(), reason);
+        return QStringLiteral("cannot set the line settings on %1: %2")
+            .arg(port.portName(), reason);
     }
     return QString();
 }

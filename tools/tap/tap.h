@@ -9,6 +9,7 @@
 
 #include <QByteArray>
 #include <QHostAddress>
+#include <QSerialPort>
 #include <QString>
 
 namespace xbctap {
@@ -60,13 +61,23 @@ struct Endpoint {
     QString device; // serial
 };
 
+struct SerialLine {
+    qint32 baud = 115200;
+    QSerialPort::DataBits dataBits = QSerialPort::Data8;
+    QSerialPort::Parity parity = QSerialPort::NoParity;
+    QSerialPort::StopBits stopBits = QSerialPort::OneStop;
+};
+// "115200,8,NONE,1": parity NONE, EVEN, ODD, SPACE or MARK; stop bits 1, 1.5
+// or 2. Empty error text on success.
+QString parseSerialLine(const QString &text, SerialLine &out);
+
 struct TapConfig {
     bool serial = false;
     Endpoint listen{QStringLiteral("127.0.0.1"), 0, QString()}; // runtime side, TCP
     Endpoint plc;                                               // TCP
     QString runtimeDevice;                                      // serial
     QString plcDevice;
-    QString line = QStringLiteral("115200,8,NONE,1");
+    SerialLine line;
     int replyTimeoutMs = 500;
     bool quiet = false;
     double durationSeconds = 0;
