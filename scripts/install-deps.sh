@@ -27,6 +27,8 @@ g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user doxygen help2man libmodb
 # downloads no browser). A node that came from elsewhere with its own npm is
 # left alone.
 TEST_PACKAGES="$TEST_PACKAGES tshark chromium"
+# socat joins two pseudo-terminals into a serial line for the tap tests.
+TEST_PACKAGES="$TEST_PACKAGES socat"
 command -v node > /dev/null || TEST_PACKAGES="$TEST_PACKAGES nodejs"
 command -v npm > /dev/null || TEST_PACKAGES="$TEST_PACKAGES npm"
 
