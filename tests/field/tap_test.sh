@@ -17,9 +17,11 @@ source_dir="$2"
 mode="$3"
 work="$(mktemp -d)"
 SOCAT_PID=""
+PLC_PID=""
 cleanup() {
     stop_tap
     stop_sim
+    [ -z "$PLC_PID" ] || kill "$PLC_PID" 2> /dev/null || true
     [ -z "$SOCAT_PID" ] || kill "$SOCAT_PID" 2> /dev/null || true
     rm -rf "$work"
 }
@@ -52,6 +54,8 @@ stop_sim
 # Through the tap, the same simulator afresh. The TCP simulator takes
 # commands on a pipe for the second part.
 start_controlled_sim "$work/control" "$work/sim2.log" "$SIM" "${SIM_ARGS[@]}" --pty
+PLC_PID=$SIM_PID
+PLC_PORT=$SIM_PORT
 if [ "$mode" = tcp ]; then
     start_tap "$work/tap.log" --listen 0 --plc "127.0.0.1:$SIM_PORT" --capture "$work/tap.pcap"
     runtime_link=(--tcp "127.0.0.1:$TAP_PORT")
@@ -92,17 +96,43 @@ done
 
 # The tap's capture replayed to a fresh host.
 start_sim "$work/replay.log" "$SIM" --port 0 --replay "$work/tap.pcap"
-replay_sim=$SIM_PID
 run_host "$work/replayed" --tcp "127.0.0.1:$SIM_PORT" "${HOST_ARGS[@]}"
-kill "$replay_sim"
-wait "$replay_sim" 2> /dev/null || true
+stop_sim
 same_notes "$mode: the tap's capture replayed" "$work/direct" "$work/replayed"
 echo "$mode: $(wc -l < "$work/direct") notifications the same without the tap, with it and replayed; $(wc -l < "$work/tap.frames") frames decoded"
 
+# A request the capture never saw is answered from the memory the capture
+# shows; with --replay-strict it gets no answer and a report line.
+for strict in "" --replay-strict; do
+    start_sim "$work/unseen.log" "$SIM" --port 0 --replay "$work/tap.pcap" $strict
+    run_host "$work/unseen" --tcp "127.0.0.1:$SIM_PORT" --watch D_W:103 --duration 1
+    stop_sim
+    if { [ -z "$strict" ] && ! grep -qx 'D_W,103,44' "$work/unseen"; } ||
+        { [ -n "$strict" ] && { [ -s "$work/unseen" ] || ! grep -q 'not in the capture' "$work/unseen.log"; }; }; then
+        echo "FAIL: $mode: a request not in the capture, replayed ${strict:-from the image}:" >&2
+        cat "$work/unseen" "$work/unseen.log" >&2
+        exit 1
+    fi
+done
+
 [ "$mode" = tcp ] || exit 0
-# The runtime left (the run above ended); a new one connects through the same
-# tap, and the PLC drops the link in the middle of its run.
+# The latency the tap adds: xbc-host's poll cycle (one exchange per watched
+# block) with and without it, no faults; at most 1 ms each way.
 echo "faults off" >&3
+cycle_ms() { # cycle_ms PORT
+    run_host "$work/cycle" --tcp "127.0.0.1:$1" --watch D_W:100:2 --duration 2
+    sed -n 's/.*average poll cycle \([0-9.]*\) ms.*/\1/p' "$work/cycle.out"
+}
+direct_ms="$(cycle_ms "$PLC_PORT")"
+tapped_ms="$(cycle_ms "$TAP_PORT")"
+if ! awk -v d="$direct_ms" -v t="$tapped_ms" 'BEGIN { exit !(d > 0 && (t - d) / 2 < 1) }'; then
+    echo "FAIL: tcp: the tap adds too much: poll cycle ${tapped_ms} ms with it, ${direct_ms} ms without" >&2
+    exit 1
+fi
+echo "tcp: poll cycle ${direct_ms} ms without the tap, ${tapped_ms} ms with it"
+
+# The runtime left (the runs above ended); a new one connects through the same
+# tap, and the PLC drops the link in the middle of its run.
 run_host "$work/second" --tcp "127.0.0.1:$TAP_PORT" --watch D_W:100:2 --write D_W:100=1 \
     --duration 4 &
 host_pid=$!
