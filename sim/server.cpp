@@ -188,21 +188,26 @@ bool ensureHeldTimer(Simulator &sim)
 }
 
 // Behind every reply of its link that is held already, so that replies keep
-// their order.
-bool mustHold(const Simulator &sim, const Outgoing &o, qint64 now)
+// their order: its time moves up to theirs. False when none is held.
+bool queueBehindHeld(const Simulator &sim, Outgoing &o)
 {
-    if (o.dueNs > now)
-        return true;
-    return std::any_of(sim.held.begin(), sim.held.end(),
-                       [&o](const Outgoing &h) { return h.to == o.to; });
+    bool behind = false;
+    for (const Outgoing &h : sim.held) {
+        if (h.to == o.to) {
+            o.dueNs = qMax(o.dueNs, h.dueNs);
+            behind = true;
+        }
+    }
+    return behind;
 }
 
 void dispatch(Simulator &sim, const QList<Outgoing> &replies)
 {
     const qint64 now = monotonicNs();
     bool held = false;
-    for (const Outgoing &o : replies) {
-        if (mustHold(sim, o, now) && ensureHeldTimer(sim)) {
+    for (Outgoing o : replies) {
+        const bool behind = queueBehindHeld(sim, o);
+        if ((behind || o.dueNs > now) && ensureHeldTimer(sim)) {
             const auto at =
                 std::upper_bound(sim.held.begin(), sim.held.end(), o.dueNs,
                                  [](qint64 due, const Outgoing &h) { return due < h.dueNs; });
