@@ -312,7 +312,8 @@ void acceptClients(Simulator &sim)
             return;
         const int on = 1; // replies go out whole at once: no waiting for more
         ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-        ::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on); // see readWithTime
+        if (paced(sim.line)) // see readWithTime
+            ::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &on, sizeof on);
 
         sim.clients.append(openConnection(sim, fd, false));
         traceLine(sim, QStringLiteral("sim: client %1:%2 connected")
