@@ -6,8 +6,6 @@
 #include "sim_process.h"
 #include "xbc_sim.h"
 
-#include <pcap/pcap.h>
-
 #include <QFile>
 #include <QRegularExpression>
 #include <QTemporaryDir>
@@ -240,56 +238,29 @@ QByteArray ackReply(const QByteArray &body)
     return withChecksum(xbcsim::ACK, body, xbcsim::EOT);
 }
 
-// One TCP segment as an IPv4 packet on loopback.
+// One TCP segment between the panel and the PLC on port 8000.
 struct Segment {
     bool toPlc = true;
     QByteArray payload;
 };
 
-enum : quint16 { PLC_PORT = 8000, PANEL_PORT = 40000 };
-enum { IPV4_HEADER_BYTES = 20, TCP_HEADER_BYTES = 20, SEGMENT_GAP_US = 1000 };
-
-void putBig(QByteArray &out, quint32 v, int bytes)
-{
-    while (bytes-- > 0)
-        out.append(char(v >> (8 * bytes)));
-}
-
-QByteArray ipv4TcpPacket(const Segment &s, quint32 seq, quint32 ack)
-{
-    // IPv4 without options or checksum, loopback to loopback, TCP.
-    QByteArray p = QByteArray::fromHex("4500");
-    putBig(p, quint32(IPV4_HEADER_BYTES + TCP_HEADER_BYTES + s.payload.size()), 2);
-    p += QByteArray::fromHex("00000000 40 06 0000 7f000001 7f000001");
-    putBig(p, s.toPlc ? PANEL_PORT : PLC_PORT, 2);
-    putBig(p, s.toPlc ? PLC_PORT : PANEL_PORT, 2);
-    putBig(p, seq, 4);
-    putBig(p, ack, 4);
-    // 20-byte header, PSH ACK, full window, no checksum or urgent pointer.
-    return p + QByteArray::fromHex("5018 ffff 00000000") + s.payload;
-}
-
-// Segments a millisecond apart.
+// The segments a second apart, with IPv4 and TCP headers made up by
+// text2pcap.
 void writeTcpCapture(const QString &path, const QVector<Segment> &segments)
 {
-    pcap_t *dead = pcap_open_dead(DLT_RAW, 65535);
-    pcap_dumper_t *dumper = pcap_dump_open(dead, QFile::encodeName(path).constData());
-    ASSERT_NE(dumper, nullptr) << pcap_geterr(dead);
-    quint32 seqPanel = 1000, seqPlc = 5000;
-    int usec = 0;
-    for (const Segment &s : segments) {
-        const QByteArray packet =
-            ipv4TcpPacket(s, s.toPlc ? seqPanel : seqPlc, s.toPlc ? seqPlc : seqPanel);
-        (s.toPlc ? seqPanel : seqPlc) += quint32(s.payload.size());
-        pcap_pkthdr h{};
-        h.ts.tv_sec = 1000;
-        h.ts.tv_usec = usec += SEGMENT_GAP_US;
-        h.caplen = h.len = bpf_u_int32(packet.size());
-        pcap_dump(reinterpret_cast<u_char *>(dumper), &h,
-                  reinterpret_cast<const u_char *>(packet.constData()));
-    }
-    pcap_dump_close(dumper);
-    pcap_close(dead);
+    QTemporaryDir dir;
+    QFile text(dir.filePath(QStringLiteral("segments.txt")));
+    ASSERT_TRUE(text.open(QIODevice::WriteOnly));
+    int second = 0;
+    for (const Segment &s : segments)
+        text.write(
+            QStringLiteral("%1 %2.0\n0000 ").arg(s.toPlc ? 'O' : 'I').arg(++second).toLatin1() +
+            s.payload.toHex(' ') + '\n');
+    text.close();
+    const ProgramRun r = runProgram(QStringLiteral(XBC_TEXT2PCAP_PATH),
+                                    words("-q -D -4 127.0.0.1,127.0.0.1 -T 8000,40000 -t %s.") +
+                                        QStringList{text.fileName(), path});
+    ASSERT_EQ(r.exitCode, 0) << r.err.toStdString();
 }
 
 } // namespace
@@ -325,12 +296,12 @@ TEST(Capture, TcpStreamOnPort8000IsCutIntoFrames)
         QStringLiteral("direction=0 command=r word=100 checksum.status=valid"),
         QString(),
         QStringLiteral("direction=1 data=0x1234,0x0007 reply=ACK checksum.status=valid "
-                       "response_to=2 response_time=0.002000000"),
+                       "response_to=2 response_time=2.000000000"),
         QStringLiteral("direction=0 command=w word=10 data=0x0009 checksum.status=valid"),
         QStringLiteral("direction=1 reply=ACK checksum.status=valid response_to=5 "
-                       "response_time=0.001000000"),
+                       "response_time=1.000000000"),
         QStringLiteral("direction=1 reply=ACK checksum.status=wrong response_to=5 "
-                       "response_time=0.002000000"),
+                       "response_time=2.000000000"),
         QStringLiteral("direction=0 command=o word=35 checksum.status=valid"),
     };
     EXPECT_EQ(frames.join(QLatin1Char('\n')).toStdString(),
