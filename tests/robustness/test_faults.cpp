@@ -54,45 +54,6 @@ struct FaultCase {
     int lostRequestPercent = 0;
 };
 
-class FaultRecovery : public DriverTest, public ::testing::WithParamInterface<FaultCase> {};
-
-TEST_P(FaultRecovery, WritesLandOrAreReportedAndValuesConverge)
-{
-    const FaultCase &c = GetParam();
-    reset("1#0#0#3#16");
-    watch("D_W 0 64, M_bit 0 64, TX 0 32");
-    for (int a = 50; a < 64; ++a)
-        plc.set(AREA_D, a, quint16(0x100 + a)); // only the PLC knows these
-    plc.drain(1);
-
-    xbcsim::resetFaults(plc.faults, c.faults);
-    plc.lostPercent = c.lostRequestPercent;
-    std::vector<Written> log;
-    for (int a = 0; a < 30; ++a)
-        write(log, "D_W", a, {1000 + a});
-    write(log, "D_W", 30, {7, 8, 9, 10, 11, 12, 13, 14, 15, 16}); // one request, ten words
-    write(log, "M_bit", 3, {1});
-    write(log, "M_bit", 17, {1});
-    write(log, "M_bit", 40, {1, 0, 1, 1, 0, 1}); // read, then write back
-    write(log, "TX", 0, {1, 1, 0, 1, 1});        // one frame per contact
-    const size_t afterWrites = notes.size();
-
-    for (int i = 0; i < 3000 && (Plc::busy() || i < 200); ++i)
-        plc.exchange();
-    EXPECT_FALSE(Plc::busy()) << "writes still queued after the bounded run";
-    xbcsim::resetFaults(plc.faults, xbcsim::FaultConfig{});
-    plc.lostPercent = 0;
-    plc.drain(2);
-
-    EXPECT_GT(expectSettled(plc, log, afterWrites), int(log.size()) / 2);
-    for (int a = 0; a < 64; ++a)
-        ASSERT_EQ(word16(1, "D_W", a), plc.word(AREA_D, a)) << "D_W " << a;
-    for (int b = 0; b < 64; ++b)
-        ASSERT_EQ(bit(1, "M_bit", b), plc.bit(AREA_M, b)) << "M_bit " << b;
-    for (int b = 0; b < 32; ++b)
-        ASSERT_EQ(bit(1, "TX", b), plc.bit(AREA_TX, b)) << "TX " << b;
-}
-
 const FaultCase FAULT_CASES[] = {
     {.name = "none", .faults = {.seed = 1}},
     {.name = "dropped", .faults = {.dropPercent = 40, .seed = 2}},
@@ -109,10 +70,46 @@ const FaultCase FAULT_CASES[] = {
      .lostRequestPercent = 15},
 };
 
-INSTANTIATE_TEST_SUITE_P(Faults, FaultRecovery, ::testing::ValuesIn(FAULT_CASES),
-                         [](const ::testing::TestParamInfo<FaultCase> &info) {
-                             return std::string(info.param.name);
-                         });
+using FaultRecovery = DriverTest;
+
+TEST_F(FaultRecovery, WritesLandOrAreReportedAndValuesConverge)
+{
+    for (const FaultCase &c : FAULT_CASES) {
+        SCOPED_TRACE(c.name);
+        reset("1#0#0#3#16");
+        watch("D_W 0 64, M_bit 0 64, TX 0 32");
+        for (int a = 50; a < 64; ++a)
+            plc.set(AREA_D, a, quint16(0x100 + a)); // only the PLC knows these
+        plc.drain(1);
+
+        xbcsim::resetFaults(plc.faults, c.faults);
+        plc.lostPercent = c.lostRequestPercent;
+        std::vector<Written> log;
+        for (int a = 0; a < 30; ++a)
+            write(log, "D_W", a, {1000 + a});
+        write(log, "D_W", 30, {7, 8, 9, 10, 11, 12, 13, 14, 15, 16}); // one request, ten words
+        write(log, "M_bit", 3, {1});
+        write(log, "M_bit", 17, {1});
+        write(log, "M_bit", 40, {1, 0, 1, 1, 0, 1}); // read, then write back
+        write(log, "TX", 0, {1, 1, 0, 1, 1});        // one frame per contact
+        const size_t afterWrites = notes.size();
+
+        for (int i = 0; i < 3000 && (Plc::busy() || i < 200); ++i)
+            plc.exchange();
+        EXPECT_FALSE(Plc::busy()) << "writes still queued after the bounded run";
+        xbcsim::resetFaults(plc.faults, xbcsim::FaultConfig{});
+        plc.lostPercent = 0;
+        plc.drain(2);
+
+        EXPECT_GT(expectSettled(plc, log, afterWrites), int(log.size()) / 2);
+        for (int a = 0; a < 64; ++a)
+            ASSERT_EQ(word16(1, "D_W", a), plc.word(AREA_D, a)) << "D_W " << a;
+        for (int b = 0; b < 64; ++b)
+            ASSERT_EQ(bit(1, "M_bit", b), plc.bit(AREA_M, b)) << "M_bit " << b;
+        for (int b = 0; b < 32; ++b)
+            ASSERT_EQ(bit(1, "TX", b), plc.bit(AREA_TX, b)) << "TX " << b;
+    }
+}
 
 // The link goes down after the first frame of a request of several frames and
 // stays down for `silentReplies` replies: two are retried, three abandon it.
@@ -124,33 +121,32 @@ struct LinkDropCase {
     bool lands;
 };
 
-class LinkDrop : public DriverTest, public ::testing::WithParamInterface<LinkDropCase> {};
+using LinkDrop = DriverTest;
 
-TEST_P(LinkDrop, MultiFrameWriteFinishesOrIsReported)
+TEST_F(LinkDrop, MultiFrameWriteFinishesOrIsReported)
 {
-    const LinkDropCase &c = GetParam();
-    reset("1#0#0#3#16");
-    watch("M_bit 0 64, TX 0 32");
-    plc.drain(1);
-    std::vector<Written> log;
-    write(log, c.reg, c.start, c.values);
-    const size_t afterWrite = notes.size();
+    for (const LinkDropCase &c :
+         {LinkDropCase{"M_bit", 14, {1, 1, 1, 1}, 2, true},
+          LinkDropCase{"M_bit", 14, {1, 1, 1, 1}, 3, false},
+          LinkDropCase{"TX", 4, {1, 1, 1}, 2, true}, LinkDropCase{"TX", 4, {1, 1, 1}, 3, false}}) {
+        SCOPED_TRACE(std::string(c.reg) + " silent " + std::to_string(c.silentReplies));
+        reset("1#0#0#3#16");
+        watch("M_bit 0 64, TX 0 32");
+        plc.drain(1);
+        std::vector<Written> log;
+        write(log, c.reg, c.start, c.values);
+        const size_t afterWrite = notes.size();
 
-    ASSERT_EQ(plc.exchange(), 1); // the first frame is answered
-    plc.linkDown = true;
-    std::vector<int> codes;
-    for (int i = 0; i < c.silentReplies; ++i)
-        codes.push_back(plc.exchange());
-    EXPECT_EQ(codes.back(), c.silentReplies >= 3 ? 2 : 8);
-    plc.linkDown = false;
-    plc.drain(2);
-    EXPECT_EQ(expectSettled(plc, log, afterWrite) == int(log.size()), c.lands);
+        ASSERT_EQ(plc.exchange(), RECEIVE_DONE); // the first frame is answered
+        plc.linkDown = true;
+        std::vector<int> codes;
+        for (int i = 0; i < c.silentReplies; ++i)
+            codes.push_back(plc.exchange());
+        EXPECT_EQ(codes.back(), c.silentReplies >= 3 ? RECEIVE_ABANDONED : RECEIVE_RETRY);
+        plc.linkDown = false;
+        plc.drain(2);
+        EXPECT_EQ(expectSettled(plc, log, afterWrite) == int(log.size()), c.lands);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(Links, LinkDrop,
-                         ::testing::Values(LinkDropCase{"M_bit", 14, {1, 1, 1, 1}, 2, true},
-                                           LinkDropCase{"M_bit", 14, {1, 1, 1, 1}, 3, false},
-                                           LinkDropCase{"TX", 4, {1, 1, 1}, 2, true},
-                                           LinkDropCase{"TX", 4, {1, 1, 1}, 3, false}));
 
 } // namespace

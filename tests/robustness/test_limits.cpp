@@ -2,6 +2,9 @@
 // frames the byte count can describe, and defined results for odd input.
 #include "test_support.h"
 
+#include <climits>
+#include <numeric>
+
 using namespace xbc_test;
 
 namespace {
@@ -56,23 +59,120 @@ TEST_F(Limits, LongWritesGoOutInFramesOfAtMost127Words)
     }
 }
 
+// Long blocks are read in frames of at most 127 words, also near the end of
+// the address range, where the address of each further frame wraps as the
+// record addresses do (it once counted past INT_MAX).
 TEST_F(Limits, LongBlocksAreReadInFramesOfAtMost127Words)
 {
-    for (int a = 0; a < 300; ++a)
-        plc.set(AREA_D, 1000 + a, quint16(0x4000 + 3 * a));
-    watch("D_W 1000 300");
-    ASSERT_EQ(driver.readList.size(), 1);
-    std::vector<int> counts;
-    for (int i = 0; i < 3; ++i) {
-        FRAME_PRO f;
-        ASSERT_TRUE(nextFrame(f));
-        counts.push_back(f.wordCount);
-        EXPECT_EQ(f.replyLen, 4 * f.wordCount + 5);
-        ASSERT_EQ(deliver(xbcsim::answerFrame(plc.mem, QByteArray::fromStdString(bytesOf(f)))), 1);
+    struct Case {
+        const char *reg;
+        int address, count;
+        std::vector<int> frames;
+    } cases[] = {{"D_W", 1000, 300, {127, 127, 46}},
+                 {"D_W", INT_MAX, 200, {127, 73}},
+                 {"D_W", INT_MAX - 130, 400, {127, 127, 127, 19}},
+                 {"M_bit", INT_MAX - 40, 3000, {127, 61}}};
+    for (const Case &c : cases) {
+        SCOPED_TRACE(std::string(c.reg) + " at " + std::to_string(c.address));
+        reset("3#0#0#3#0");
+        for (int a = 0; a < 300; ++a)
+            plc.set(AREA_D, 1000 + a, quint16(0x4000 + 3 * a));
+        QList<KEY_ADDRESS> keys{key(1, QString::fromLatin1(c.reg), c.address, c.count)};
+        intf_addrMerge(&keys);
+        std::vector<int> counts;
+        for (size_t i = 0; i < c.frames.size(); ++i) {
+            FRAME_PRO f;
+            ASSERT_TRUE(nextFrame(f));
+            counts.push_back(f.wordCount);
+            EXPECT_EQ(f.replyLen, 4 * f.wordCount + 5);
+            QByteArray answer = xbcsim::answerFrame(plc.mem, QByteArray::fromStdString(bytesOf(f)));
+            if (answer.startsWith(char(NAK))) // past the simulator's memory
+                answer = readReply(std::vector<quint16>(size_t(f.wordCount), 0x1234));
+            ASSERT_EQ(deliver(answer), RECEIVE_DONE);
+        }
+        EXPECT_EQ(counts, c.frames);
+        for (int a = 0; a < 300 && c.address == 1000; ++a)
+            ASSERT_EQ(word16(1, "D_W", 1000 + a), 0x4000 + 3 * a) << a;
     }
-    EXPECT_EQ(counts, (std::vector<int>{127, 127, 46}));
-    for (int a = 0; a < 300; ++a)
-        ASSERT_EQ(word16(1, "D_W", 1000 + a), 0x4000 + 3 * a) << a;
+}
+
+// What one of the limits below does to `n` units: the sizes it leaves behind.
+enum Probe {
+    WRITES,
+    CONDITION_READS,
+    READ_BLOCK,
+    WRITE_FRAMES,
+    WRITE_WORDS,
+    WRITE_BITS,
+    WHOLE_READ
+};
+std::vector<int> probe(Probe what, int n)
+{
+    std::vector<int> frames;
+    QList<KEY_ADDRESS> keys{key(1, "D_W", 0, n)};
+    switch (what) {
+    case WRITES:
+        for (int i = 0; i < n; ++i)
+            setData(1, "D_W", i, words({1}), 1);
+        return {driver.writeList.size(), driver.writeList.last().address};
+    case CONDITION_READS:
+        for (int i = 0; i < n; ++i)
+            intf_addConditionRead(key(1, "D_W", i, 1), 1);
+        return {driver.conditionReadList.size(), driver.conditionReadList.last().address};
+    case WRITE_WORDS:
+    case WRITE_BITS:
+        setData(1, what == WRITE_BITS ? "M_bit" : "D_W", 0, {}, n);
+        return {driver.writeList.size()};
+    case WRITE_FRAMES:
+        setData(1, "D_W", 0, {}, n);
+        break;
+    case READ_BLOCK:
+    case WHOLE_READ:
+        intf_addrMerge(&keys);
+        break;
+    }
+    FRAME_PRO f;
+    for (int ok = nextFrame(f); ok && frames.size() < size_t(driver.sendList.size());)
+        frames.push_back(driver.sendList[int(frames.size())].var.count);
+    if (what == WHOLE_READ)
+        return {int(frames.size()), std::accumulate(frames.begin(), frames.end(), 0)};
+    return frames;
+}
+
+// Each limit hit exactly and passed by one.
+TEST_F(Limits, ExactlyAtEachLimitAndOnePast)
+{
+    struct Case {
+        const char *what, *properties;
+        Probe probe;
+        int limit;
+        std::vector<int> atLimit, onePast;
+    } cases[] = {
+        // clang-format off
+        {"write queue of 513: the newest takes the last place", "3#0#0#3#64", WRITES, 513, {513, 512}, {513, 513}},
+        {"condition read queue of 513", "3#0#0#3#64", CONDITION_READS, 513, {513, 512}, {513, 513}},
+        {"read frame of 127 words", "3#0#0#3#0", READ_BLOCK, 127, {127}, {127, 1}},
+        {"word write frame of 127 words", "3#0#0#3#0", WRITE_FRAMES, 127, {127}, {127, 1}},
+        {"512 words written, 513 refused", "3#0#0#3#0", WRITE_WORDS, 512, {1}, {0}},
+        {"1024 bits written, 1025 refused", "3#0#0#3#0", WRITE_BITS, 1024, {1}, {0}},
+        {"write pieces of maxPacketLen words", "3#0#0#3#64", WRITE_WORDS, 64, {1}, {2}},
+        {"bit write pieces of 8 x maxPacketLen bits", "3#0#0#3#2", WRITE_BITS, 16, {1}, {2}},
+        {"one read request reads 32768 words", "3#0#0#3#0", WHOLE_READ, 32768, {259, 32768}, {259, 32768}},
+        // clang-format on
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(c.what);
+        reset(c.properties);
+        EXPECT_EQ(probe(c.probe, c.limit), c.atLimit);
+        reset(c.properties);
+        EXPECT_EQ(probe(c.probe, c.limit + 1), c.onePast);
+    }
+    for (int n : {512, 513}) { // pieces of one word each
+        reset("3#0#0#3#1");
+        intf_addConditionRead(key(1, "D_W", 0, n), 1);
+        EXPECT_EQ(runsOf(QList<VARIABLE>{driver.conditionReadList.last()}), "D_W 511 1") << n;
+        EXPECT_EQ(driver.conditionReadList.size(), 512);
+    }
 }
 
 // Requests no frame can carry leave the queues, and a write among them is
@@ -119,6 +219,36 @@ TEST_F(Limits, OddPropertiesStillPollAndWrite)
         EXPECT_EQ(word16(1, "D_W", 3), 0x1234);
         for (int b = 20; b < 60; ++b)
             ASSERT_TRUE(plc.bit(AREA_M, b)) << b;
+    }
+}
+
+// Writes that cannot be framed, each of which once crashed: a count whose
+// byte size overflowed int into a negative size that passed the 1024-byte
+// check; a single-bit frame shifted by a negative address % 16; contact and
+// word pieces counting addresses past INT_MAX. They are dropped as failed.
+TEST_F(Limits, UnframableWritesAreDropped)
+{
+    struct Case {
+        const char *reg;
+        int address, count;
+    } cases[] = {
+        {"D_W", 10, 0x60000000},   {"D_W", 10, INT_MAX},
+        {"D_W", 10, -1177972487},  {"D_W", 10, INT_MIN},
+        {"M_bit", 10, 0x60000000}, {"TX", 10, INT_MIN},
+        {"M_bit", -8, 1},          {"TX", -11, 1},
+        {"M_bit", -5, 3},          {"TX", INT_MAX, 3},
+        {"CX", INT_MIN, 2},        {"D_W", INT_MAX - 10, 200},
+        {"M_bit", INT_MAX, 1},     {"D_W", INT_MIN, 2},
+    };
+    for (const Case &c : cases) {
+        SCOPED_TRACE(testing::Message() << c.reg << " at " << c.address << " count " << c.count);
+        reset("3#0#0#3#64");
+        std::vector<unsigned char> data(1024, 1);
+        intf_setData(1, QString::fromLatin1(c.reg), c.address, c.count, data.data(), 0);
+        FRAME_PRO frame;
+        EXPECT_EQ(intf_getSendFrame(&frame), 0);
+        EXPECT_TRUE(driver.writeList.isEmpty());
+        EXPECT_EQ(word16(1, "D_W", 10), 0);
     }
 }
 

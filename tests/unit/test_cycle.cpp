@@ -42,6 +42,45 @@ TEST_F(CycleTest, PolledValuesArriveAndNotify)
     EXPECT_EQ(getData(1, "TX", 35, 2, 1), (std::vector<unsigned char>{0, 1}));
 }
 
+// The station keys the image but never goes on the wire: the same register
+// and address on two stations are two blocks, two records and two writes.
+TEST_F(CycleTest, TwoStationsSideBySideNeverMix)
+{
+    watch("D_W 5 1, 2:D_W 5 1, M_bit 3 1, 2:M_bit 3 1");
+    ASSERT_EQ(runsOf(driver.readList), "M_W 0 1, D_W 5 1, 2:M_W 0 1, 2:D_W 5 1");
+    std::vector<std::string> frames;
+    for (int i = 0; i < 4; ++i) {
+        FRAME_PRO f;
+        ASSERT_TRUE(nextFrame(f));
+        frames.push_back(bytesOf(f));
+        ASSERT_EQ(deliver(readReply({quint16(f.var.stationNo == 1 ? 0x0008 : 0x1200)})),
+                  RECEIVE_DONE);
+    }
+    EXPECT_EQ(frames[0], frames[2]);
+    EXPECT_EQ(frames[1], frames[3]);
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "M_bit", 3}, {3, 1, "D_W", 5}, {3, 2, "D_W", 5}}));
+    EXPECT_EQ(std::vector<int>({word16(1, "D_W", 5), word16(2, "D_W", 5), bit(1, "M_bit", 3),
+                                bit(2, "M_bit", 3)}),
+              std::vector<int>({8, 0x1200, 1, 0}));
+
+    notes.clear();
+    setData(2, "D_W", 5, words({7}), 1);
+    setData(1, "M_bit", 3, {0}, 1);
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 2, "D_W", 5}, {3, 1, "M_bit", 3}}));
+    EXPECT_EQ(word16(1, "D_W", 5), 8);
+    notes.clear();
+    plc.linkDown = true; // station 2's write fails; only its word is taken back
+    EXPECT_EQ(plc.pump(3), (std::vector<int>{RECEIVE_RETRY, RECEIVE_RETRY, RECEIVE_ABANDONED}));
+    EXPECT_EQ(notes, (std::vector<Note>{{3, 2, "D_W", 5}}));
+    EXPECT_EQ(std::vector<int>({word16(2, "D_W", 5), bit(1, "M_bit", 3)}),
+              std::vector<int>({0x1200, 0}));
+    plc.linkDown = false;
+    EXPECT_EQ(plc.exchange(), RECEIVE_DONE); // station 1's bit write lands
+    EXPECT_EQ(plc.commands(), "n");
+    EXPECT_FALSE(findArea(1, "M", 0)->writePending);
+    EXPECT_EQ(findArea(2, "M", 0)->value[1], 0x12);
+}
+
 TEST_F(CycleTest, ContactsAcrossAWordEdge)
 {
     watch("CX 14 4");

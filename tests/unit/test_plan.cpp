@@ -8,39 +8,28 @@ namespace {
 
 using PlanTest = DriverTest;
 
-TEST_F(PlanTest, JudgeAddrMergeRules)
+TEST_F(PlanTest, MergeRule)
 {
     struct Case {
         const char *blockAndNext; // two runs
-        int maxLen, noGap, withGap;
+        int allowance, result;
     } cases[] = {
         // clang-format off
-        {"D_W 100 5, D_W 105 1", 64, 0, 0},   // touching
-        {"D_W 100 5, D_W 106 1", 64, 1, 0},   // gap of one
-        {"D_W 100 5, D_W 103 9", 64, 0, 0},   // overlap
-        {"D_W 100 5, D_W 98 1", 64, 0, 0},    // before the start
-        {"D_W 100 5, D_W 169 1", 64, 1, 0},   // gap of exactly maxPacketLen
-        {"D_W 100 5, D_W 170 1", 64, 1, 1},
-        {"D_W 100 5, D_W 106 1", 0, 1, 1},
-        {"D_W 100 5, D_W 105 1", -1, 0, 1},   // a negative allowance separates touching keys
-        {"D_W 100 5, 2:D_W 100 1", 64, 1, 1},
-        {"D_W 100 5, M_W 100 1", 64, 1, 1},
-        {"M_W 0 5, M_bit 0 1", 64, 1, 1},
-        {"TX 5 1, TX 6 1", 64, 1, 1},         // contacts join only as repeats
-        {"TX 5 1, TX 5 1", 64, 0, 0},
-        {"CX 5 1, CX 5 3", 64, 0, 0},
-        {"T_W 5 1, T_W 6 1", 64, 0, 0},
+        {"D_W 100 5, D_W 105 1", 0, 0}, {"D_W 100 5, D_W 106 1", 0, 1}, {"D_W 100 5, D_W 106 1", 1, 0},
+        {"D_W 100 5, D_W 103 9", 0, 0}, {"D_W 100 5, D_W 98 1", 0, 0},  {"D_W 100 5, D_W 169 1", 64, 0},
+        {"D_W 100 5, D_W 170 1", 64, 1}, {"D_W 100 5, D_W 105 1", -1, 1}, {"D_W 100 5, 2:D_W 100 1", 64, 1},
+        {"D_W 100 5, M_W 100 1", 64, 1}, {"M_W 0 5, M_bit 0 1", 64, 1},  {"TX 5 1, TX 6 1", 64, 1},
+        {"TX 5 1, TX 5 1", 64, 0},       {"CX 5 1, CX 5 3", 64, 0},      {"T_W 5 1, T_W 6 1", 64, 0},
         // clang-format on
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.blockAndNext << " max " << c.maxLen);
         const QList<KEY_ADDRESS> k = runs(c.blockAndNext);
         auto run = [](const KEY_ADDRESS &key) {
-            const Register *r = tableRegister(key.regName);
-            return MergeRun{key.stationNo, key.regName, key.address, key.count, r && r->contact};
+            return MergeRun{key.stationNo, key.regName, key.address, key.count,
+                            tableRegister(key.regName) && tableRegister(key.regName)->contact};
         };
-        EXPECT_EQ(mergeRule(run(k[0]), run(k[1]), 0), c.noGap);
-        EXPECT_EQ(mergeRule(run(k[0]), run(k[1]), c.maxLen), c.withGap);
+        EXPECT_EQ(mergeRule(run(k[0]), run(k[1]), c.allowance), c.result)
+            << c.blockAndNext << " allowance " << c.allowance;
     }
 }
 
@@ -51,15 +40,12 @@ TEST_F(PlanTest, AddrMergeBuildsReadBlocks)
         const char *keys, *blocks;
     } cases[] = {
         // clang-format off
-        {64, "D_W 100 2, D_W 102 3, D_W 110 1", "D_W 100 11"},  // gap bridged
-        {8, "D_W 100 2, D_W 102 3, D_W 110 1", "D_W 100 5, D_W 110 1"},
-        {64, "M_bit 35 20, M_W 1 1", "M_W 1 3"},                 // bits folded into words
-        {64, "M_bit 15 2", "M_W 0 2"},
-        {64, "D_W 100 10, D_W 102 2", "D_W 100 10"},
-        {64, "TX 5 1, TX 6 1, TX 5 1", "TX 5 1, TX 6 1"},
-        {64, "2:D_W 0 1, D_W 0 1", "D_W 0 1, 2:D_W 0 1"},
-        {64, "D_W 0 100", "D_W 0 100"},                           // never cut
-        {64, "D_W 0 60, D_W 60 10", "D_W 0 60, D_W 60 10"},
+        {64, "D_W 100 2, D_W 102 3, D_W 110 1", "D_W 100 11"},  {8, "D_W 100 2, D_W 102 3, D_W 110 1", "D_W 100 5, D_W 110 1"},
+        {64, "M_bit 35 20, M_W 1 1", "M_W 1 3"}, {64, "M_bit 15 2", "M_W 0 2"}, {64, "D_W 100 10, D_W 102 2", "D_W 100 10"},
+        {64, "TX 5 1, TX 6 1, TX 5 1", "TX 5 1, TX 6 1"}, {64, "2:D_W 0 1, D_W 0 1", "D_W 0 1, 2:D_W 0 1"},
+        {64, "D_W 0 100", "D_W 0 100"}, {64, "D_W 0 60, D_W 60 10", "D_W 0 60, D_W 60 10"},
+        {64, "D_W 0 1, D_W 63 1", "D_W 0 64"}, {64, "D_W 0 1, D_W 64 1", "D_W 0 1, D_W 64 1"}, // a span of maxPacketLen
+        {0, "D_W 0 1, D_W 1 1", "D_W 0 1, D_W 1 1"},
         {8, "D_W 100 1, M_W 50 1, D_W 5 1, M_W 0 1", "M_W 0 1, M_W 50 1, D_W 5 1, D_W 100 1"},
         {64, "CX 3 1, TX 3 1, D_W 0 1, M_bit 0 16", "M_W 0 1, D_W 0 1, TX 3 1, CX 3 1"},
         // clang-format on
@@ -131,17 +117,8 @@ TEST_F(PlanTest, SetRcpAddressBuildsBlocks)
     auto toVars = [](const char *text) {
         QVector<_RCP_VAR_PRO> out;
         int buffer = 0;
-        for (const KEY_ADDRESS &k : runs(text)) {
-            _RCP_VAR_PRO r;
-            r.driverId = k.stationNo;
-            r.stationNo = 1;
-            r.regName = k.regName;
-            r.address = k.address;
-            r.count = k.count;
-            r.bufferIndex = buffer++;
-            r.spareValue = 77;
-            out.append(r);
-        }
+        for (const KEY_ADDRESS &k : runs(text))
+            out.append({k.stationNo, 1, k.regName, k.address, k.count, buffer++, 77});
         return out;
     };
     for (const Case &c : cases) {
@@ -170,11 +147,11 @@ TEST_F(PlanTest, ConditionReadPieces)
         int dataKind;
         const char *queued;
     } cases[] = {
-        {"D_W 100 10", 0, "D_W 100 10"},
-        {"D_W 0 150", 0, "D_W 0 64, D_W 64 64, D_W 128 22"},
-        {"TX 10 2", -1, "TX 10 32"},
-        {"M_bit 35 20", -1, "M_W 2 2"}, // bits are read as the words holding them
+        // clang-format off
+        {"D_W 100 10", 0, "D_W 100 10"}, {"D_W 0 150", 0, "D_W 0 64, D_W 64 64, D_W 128 22"},
+        {"TX 10 2", -1, "TX 10 32"}, {"M_bit 35 20", -1, "M_W 2 2"}, // bits as the words holding them
         {"M_bit 3 600", -1, "M_W 0 33, M_W 32 6"},
+        // clang-format on
     };
     for (const Case &c : cases) {
         SCOPED_TRACE(c.key);

@@ -41,7 +41,9 @@ TEST_F(SetupTest, PropertyStrings)
     }
 }
 
-TEST_F(SetupTest, NewRunClearsTheRequestsKeepsRecipesAndPage)
+// A new run empties every list and counter of the old one, whatever state it
+// was left in, and keeps the recipe blocks, the property page and the callback.
+TEST_F(SetupTest, NewRunResetsEveryFieldOfTheOldRun)
 {
     recipeVars("D_W 10 1");
     intf_SetDriverPropertyPage(QString("kept page"));
@@ -50,26 +52,32 @@ TEST_F(SetupTest, NewRunClearsTheRequestsKeepsRecipesAndPage)
     intf_addConditionRead(key(1, "D_W", 9, 1), 2);
     FRAME_PRO f;
     ASSERT_TRUE(nextFrame(f));
-    ASSERT_EQ(deliver(QByteArray()), 8); // a retry pending
+    ASSERT_EQ(deliver(QByteArray()), RECEIVE_RETRY);
+    for (int *field :
+         {&driver.sendState, &driver.burstCount, &driver.handShakeRequest, &driver.failCount,
+          &driver.commError, &driver.maxPacketWords, &driver.maxPacketBits, &driver.initDone})
+        *field = 77;
 
     std::vector<unsigned char> status2(65536);
     unsigned char buffer[16] = {};
     QMutex lock2;
     int st = 9;
-    EXPECT_EQ(intf_initProperty(status2.data(), 0x1234, buffer, &st, "3#0#0#5", &lock2), 1);
-    EXPECT_EQ(driver.hmiStatusBlock, status2.data());
-    EXPECT_EQ(driver.hmiParam, 0x1234);
-    EXPECT_EQ(driver.rcpBuffer, buffer);
-    EXPECT_EQ(driver.hmiMutex, &lock2);
-    EXPECT_TRUE(driver.readList.isEmpty() && driver.writeList.isEmpty() &&
-                driver.conditionReadList.isEmpty() && driver.sendList.isEmpty() &&
-                driver.dataAreas.isEmpty() && driverPrivate.dataAreaIndex.records == 0);
-    EXPECT_EQ(std::vector<int>({driver.sendState, driver.burstCount, driver.handShakeRequest,
-                                driver.failCount, driver.commError, driver.maxPacketLen}),
-              std::vector<int>({0, 0, 0, 0, 0, 64}));
+    EXPECT_EQ(intf_initProperty(status2.data(), 0x1234, buffer, &st, "3#0#0#5#20", &lock2), 1);
+    EXPECT_EQ(std::vector<const void *>({driver.hmiStatusBlock, driver.rcpBuffer, driver.hmiMutex}),
+              std::vector<const void *>({status2.data(), buffer, &lock2}));
+    EXPECT_EQ(std::vector<int>(
+                  {driver.hmiParam, st, driver.readList.size(), driver.writeList.size(),
+                   driver.conditionReadList.size(), driver.sendList.size(), driver.dataAreas.size(),
+                   driverPrivate.dataAreaIndex.records, driver.sendState, driver.burstCount,
+                   driver.handShakeRequest, driver.failCount, driver.commError,
+                   driver.maxPacketWords, driver.maxPacketBits, driver.initDone}),
+              std::vector<int>({0x1234, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 20, 160, 1}));
     EXPECT_EQ(runsOf(driver.rcpBlockList), "D_W 10 1");
     EXPECT_EQ(driver.propertyPage, QString("kept page"));
     EXPECT_EQ(intf_getSendFrame(&f), 0);
+    notes.clear();
+    setData(1, "TX", 3, {1}, 1); // the callback is kept
+    EXPECT_EQ(notes, std::vector<Note>{Note(3, 1, "TX", 3)});
     reset("3#0#0#3#64"); // no pointers to this frame left behind
 }
 
