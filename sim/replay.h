@@ -47,8 +47,9 @@ struct Replay {
 
 // Reads the capture and fills the memory image. Empty error text on success.
 QString loadReplay(Replay &replay, const QString &path, Memory &image);
-// The bytes to send for one request (empty: nothing). Writes also change the
-// image, so later requests the capture never saw read them back.
+// The bytes to send for one request (empty: nothing). What is replayed also
+// goes into the image (read values, acknowledged writes), so a request the
+// capture never saw finds the memory as the replay has shown it so far.
 QByteArray replayAnswer(Replay &replay, Memory &image, const QByteArray &frame);
 // What was replayed and what was not, a few lines.
 QStringList replayReport(const Replay &replay);

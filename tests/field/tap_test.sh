@@ -125,11 +125,15 @@ cycle_ms() { # cycle_ms PORT
 }
 direct_ms="$(cycle_ms "$PLC_PORT")"
 tapped_ms="$(cycle_ms "$TAP_PORT")"
-if ! awk -v d="$direct_ms" -v t="$tapped_ms" 'BEGIN { exit !(d > 0 && (t - d) / 2 < 1) }'; then
+# Sanitizers slow every program down several times: figures, no verdict.
+verdict=""
+if ldd "$TAP" | grep -q 'lib[at]san'; then
+    verdict=" (sanitizer build: not judged)"
+elif ! awk -v d="$direct_ms" -v t="$tapped_ms" 'BEGIN { exit !(d > 0 && (t - d) / 2 < 1) }'; then
     echo "FAIL: tcp: the tap adds too much: poll cycle ${tapped_ms} ms with it, ${direct_ms} ms without" >&2
     exit 1
 fi
-echo "tcp: poll cycle ${direct_ms} ms without the tap, ${tapped_ms} ms with it"
+echo "tcp: poll cycle ${direct_ms} ms without the tap, ${tapped_ms} ms with it$verdict"
 
 # The runtime left (the runs above ended); a new one connects through the same
 # tap, and the PLC drops the link in the middle of its run.

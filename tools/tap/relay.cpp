@@ -360,6 +360,7 @@ int runTap(const TapConfig &config)
     QCoreApplication::exec();
     if (!config.serial)
         dropTcpPair(r);
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete); // the dropped sockets
     endExchange(r);
     clearLiveLine(r);
     std::fprintf(stdout, "%s\n", countsText(r.ex.counts).toLocal8Bit().constData());
