@@ -273,24 +273,34 @@ TEST_P(EndToEnd, WritesReachThePlcAndReadBack)
     expectShownConverges(items);
 }
 
-TEST_P(EndToEnd, ConditionReadsComplete)
+TEST_P(EndToEnd, ConditionReadsEndOnceEvenWhenTheyFail)
 {
-    for (int i = 0; i < 150; ++i)
+    enum { WORDS = 450 }; // three requests of at most 200 words
+    for (int i = 0; i < WORDS; ++i)
         xbcsim::writeWord(sim, xbcsim::AREA_D, 700 + i, quint16(0x5000 + i));
     watch(QStringLiteral("D_W:0"));
     startRun(host);
     ASSERT_TRUE(firstCycleDone());
 
-    // Longer than one request: completion is reported once, after the last piece.
-    queueConditionRead(host, QStringLiteral("D_W"), 700, 150);
+    // Completion is reported once, after the last piece.
+    queueConditionRead(host, QStringLiteral("D_W"), 700, WORDS);
     ASSERT_TRUE(runUntil(
         host, [&]() { return host.conditionsDone >= 1; }, CONVERGE_MS));
     runFor(host, 20, 200);
     EXPECT_EQ(host.conditionsDone, 1);
     EXPECT_EQ(host.conditionsFailed, 0);
-    const QVector<int> shown = shownValues(host, QStringLiteral("D_W"), 700, 150);
-    for (int i = 0; i < 150; ++i)
+    const QVector<int> shown = shownValues(host, QStringLiteral("D_W"), 700, WORDS);
+    for (int i = 0; i < WORDS; ++i)
         EXPECT_EQ(shown[i], 0x5000 + i) << i;
+
+    // A read the PLC stops answering at its first piece ends too, as failed.
+    xbcsim::FaultConfig silent;
+    ASSERT_TRUE(xbcsim::parseFaultSpec(QStringLiteral("drop=100"), silent).isEmpty());
+    xbcsim::setFaults(sim, silent);
+    queueConditionRead(host, QStringLiteral("D_W"), 700, WORDS);
+    EXPECT_TRUE(runUntil(
+        host, [&]() { return host.conditionsFailed >= 1; }, CONVERGE_MS));
+    EXPECT_EQ(host.conditionsDone, 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(Links, EndToEnd, ::testing::Values(Wire::Tcp, Wire::Pty),
