@@ -674,7 +674,9 @@ Step exchangeOnce(Host &host)
     if (isPollRead(f) && !host.cycleTimer.isValid())
         host.cycleTimer.start();
     QByteArray &reply = host.reply;
-    reply.clear();
+    if (reply.capacity() < FRAME_BYTES)
+        reply.reserve(FRAME_BYTES); // kept: resize(0) then frees nothing
+    reply.resize(0);
     const int frameLen = qBound(0, f.frameLen, int(FRAME_BYTES));
     if (frameLen > 0) {
         QIODevice &device = *deviceOf(host);

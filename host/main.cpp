@@ -435,6 +435,8 @@ int runLoop(xbchost::Host &host, const QCommandLineParser &parser, const Options
     if (host.link.connects == 0)
         std::fprintf(stderr, "xbc-host: the link never came up\n");
     printOut(xbchost::summaryText(host));
+    if (!host.keys.isEmpty())
+        printOut(xbchost::watchedValuesText(host));
     xbchost::closeLink(host);
     xbctrace::closeCapture(capture);
     const int unsettled = host.openWrites.size();

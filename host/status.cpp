@@ -176,6 +176,26 @@ double measuredCycleMs(const Host &host)
     return s.pollCycles > 0 ? double(s.pollCycleNsTotal) / 1e6 / s.pollCycles : -1;
 }
 
+QString watchedValuesText(Host &host)
+{
+    int fresh = 0, stale = 0, unknown = 0;
+    qint64 oldestMs = 0;
+    for (const KEY_ADDRESS &key : qAsConst(host.keys)) {
+        for (int i = 0; i < key.count; ++i) {
+            const ValueView v = valueView(host, key.regName, key.address + i);
+            fresh += v.known && !v.stale ? 1 : 0;
+            stale += v.stale ? 1 : 0;
+            unknown += v.known ? 0 : 1;
+            if (v.stale)
+                oldestMs = qMax(oldestMs, v.ageMs);
+        }
+    }
+    QString text = QStringLiteral("values: %1 fresh, %2 stale").arg(fresh).arg(stale);
+    if (stale > 0)
+        text += QStringLiteral(" (oldest %1 s)").arg(oldestMs / 1000.0, 0, 'f', 1);
+    return text + QStringLiteral(", %1 unknown (no good reply ever filled them)").arg(unknown);
+}
+
 QString valuesText(const QVector<int> &values)
 {
     QStringList texts;

@@ -344,6 +344,8 @@ struct ValueView {
 };
 // address: the numeric address of parseWatch/intf_checkAddr.
 ValueView valueView(Host &host, const QString &regName, int address);
+// "values: 10 fresh, 1 stale (oldest 3.2 s), 1 unknown ...": every watched value.
+QString watchedValuesText(Host &host);
 // "1234", "unknown", "1234 (stale, 3.2 s old)".
 QString valueViewText(const ValueView &view);
 
