@@ -2,6 +2,7 @@
 // frames the byte count can describe, and defined results for odd input.
 #include "test_support.h"
 
+#include <algorithm>
 #include <climits>
 #include <numeric>
 
@@ -120,9 +121,15 @@ std::vector<int> probe(Probe what, int n)
             intf_addConditionRead(key(1, "D_W", i, 1), 1);
         return {driver.conditionReadList.size(), driver.conditionReadList.last().address};
     case WRITE_WORDS:
-    case WRITE_BITS:
-        setData(1, what == WRITE_BITS ? "M_bit" : "D_W", 0, {}, n);
-        return {driver.writeList.size()};
+    case WRITE_BITS: { // a refused write is shown nowhere
+        keys = runs(what == WRITE_BITS ? "M_bit 0 1" : "D_W 0 1");
+        intf_addrMerge(&keys);
+        notes.clear();
+        setData(1, what == WRITE_BITS ? "M_bit" : "D_W", 0, {1, 1}, n);
+        const int shown = int(std::count_if(driver.dataAreas.begin(), driver.dataAreas.end(),
+                                            [](const _DATA_ &d) { return d.writePending; }));
+        return {driver.writeList.size(), shown, int(notes.size())};
+    }
     case WRITE_FRAMES:
         setData(1, "D_W", 0, {}, n);
         break;
@@ -153,10 +160,10 @@ TEST_F(Limits, ExactlyAtEachLimitAndOnePast)
         {"condition read queue of 513", "3#0#0#3#64", CONDITION_READS, 513, {513, 512}, {513, 513}},
         {"read frame of 127 words", "3#0#0#3#0", READ_BLOCK, 127, {127}, {127, 1}},
         {"word write frame of 127 words", "3#0#0#3#0", WRITE_FRAMES, 127, {127}, {127, 1}},
-        {"512 words written, 513 refused", "3#0#0#3#0", WRITE_WORDS, 512, {1}, {0}},
-        {"1024 bits written, 1025 refused", "3#0#0#3#0", WRITE_BITS, 1024, {1}, {0}},
-        {"write pieces of maxPacketLen words", "3#0#0#3#64", WRITE_WORDS, 64, {1}, {2}},
-        {"bit write pieces of 8 x maxPacketLen bits", "3#0#0#3#2", WRITE_BITS, 16, {1}, {2}},
+        {"512 words written, 513 refused", "3#0#0#3#0", WRITE_WORDS, 512, {1, 512, 1}, {0, 0, 0}},
+        {"1024 bits written, 1025 refused", "3#0#0#3#0", WRITE_BITS, 1024, {1, 64, 1}, {0, 0, 0}},
+        {"write pieces of maxPacketLen words", "3#0#0#3#64", WRITE_WORDS, 64, {1, 64, 1}, {2, 65, 1}},
+        {"bit write pieces of 8 x maxPacketLen bits", "3#0#0#3#2", WRITE_BITS, 16, {1, 1, 1}, {2, 2, 1}},
         {"one read request reads 32768 words", "3#0#0#3#0", WHOLE_READ, 32768, {259, 32768}, {259, 32768}},
         // clang-format on
     };

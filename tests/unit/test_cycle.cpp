@@ -91,11 +91,12 @@ TEST_F(CycleTest, ContactsAcrossAWordEdge)
     EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "CX", 14}, {3, 1, "CX", 17}}));
 }
 
-TEST_F(CycleTest, WritesReachTheController)
+// Each write reaches the controller and settles; failed, it is shown at once,
+// then taken back with a notification of every value it showed.
+TEST_F(CycleTest, WritesLandOrFallBackWithNotifications)
 {
     struct Word {
-        int area;
-        int word;
+        int area, word;
         quint16 value;
     };
     struct Case {
@@ -104,71 +105,57 @@ TEST_F(CycleTest, WritesReachTheController)
         std::vector<unsigned char> data;
         std::vector<Word> before, after;
         std::string commands;
-    } cases[] = {
-        // clang-format off
-        {"words", "D_W", 5, 2, 2, words({0xBEEF, 0x0102}), {}, {{AREA_D, 5, 0xBEEF}, {AREA_D, 6, 0x0102}}, "w"},
-        {"set one bit", "M_bit", 37, 1, 1, {1}, {{AREA_M, 2, 0x8001}}, {{AREA_M, 2, 0x8021}}, "o"},
-        {"clear one bit", "M_bit", 37, 1, 1, {0}, {{AREA_M, 2, 0xFFFF}}, {{AREA_M, 2, 0xFFDF}}, "n"},
-        {"bits over a word edge", "M_bit", 14, 4, 1, {1, 0, 1, 1},
-         {{AREA_M, 0, 0x80F0}, {AREA_M, 1, 0xFFF0}}, {{AREA_M, 0, 0x40F0}, {AREA_M, 1, 0xFFF3}}, "rw"},
-        {"contacts one frame each", "TX", 10, 3, 1, {1, 0, 1},
-         {{AREA_TX, 0, 0x0800}}, {{AREA_TX, 0, 0x1400}}, "ono"},
-        // clang-format on
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        reset("3#0#0#3#64");
-        for (const Word &w : c.before)
-            plc.set(w.area, w.word, w.value);
-        setData(1, c.reg, c.start, c.data, c.count, 5);
-        EXPECT_EQ(plc.pump(10), std::vector<int>(c.commands.size(), 1));
-        EXPECT_EQ(plc.commands(), c.commands);
-        for (const Word &w : c.after)
-            EXPECT_EQ(plc.word(w.area, w.word), w.value) << w.area << " " << w.word;
-        EXPECT_TRUE(driver.writeList.isEmpty());
-        for (const _DATA_ &d : driver.dataAreas)
-            EXPECT_FALSE(d.writePending) << d.name.toStdString() << d.address;
-        EXPECT_EQ(getData(1, c.reg, c.start, c.count, c.bytesPer), c.data);
-    }
-}
-
-TEST_F(CycleTest, FailedWritesFallBackWithNotifications)
-{
-    struct Case {
-        const char *what, *reg;
-        int address, count, bytesPer;
         const char *watched;
-        std::vector<unsigned char> data;
         std::vector<Note> shown, takenBack;
     } cases[] = {
         // clang-format off
-        {"word", "D_W", 5, 1, 2, "D_W 5 1", words({7}), {{3, 1, "D_W", 5}}, {{3, 1, "D_W", 5}}},
-        {"one bit", "M_bit", 165, 1, 1, "M_bit 165 1", {1}, {{3, 1, "M_bit", 165}}, {{3, 1, "M_bit", 165}}},
-        {"bits over a word edge", "M_bit", 14, 4, 1, "M_bit 14 4", {1, 0, 1, 1},
+        {"words", "D_W", 5, 2, 2, words({0xBEEF, 0x0102}), {}, {{AREA_D, 5, 0xBEEF}, {AREA_D, 6, 0x0102}}, "w",
+         "D_W 5 1", {{3, 1, "D_W", 5}}, {{3, 1, "D_W", 5}}},
+        {"set one bit", "M_bit", 37, 1, 1, {1}, {{AREA_M, 2, 0x8001}}, {{AREA_M, 2, 0x8021}}, "o",
+         "M_bit 37 1", {{3, 1, "M_bit", 37}}, {{3, 1, "M_bit", 37}}},
+        {"clear one bit", "M_bit", 37, 1, 1, {0}, {{AREA_M, 2, 0xFFFF}}, {{AREA_M, 2, 0xFFDF}}, "n", "", {}, {}},
+        {"bits over a word edge", "M_bit", 14, 4, 1, {1, 0, 1, 1}, {{AREA_M, 0, 0x80F0}, {AREA_M, 1, 0xFFF0}},
+         {{AREA_M, 0, 0x40F0}, {AREA_M, 1, 0xFFF3}}, "rw", "M_bit 14 4",
          {{3, 1, "M_bit", 14}, {3, 1, "M_bit", 16}, {3, 1, "M_bit", 17}},
          {{3, 1, "M_bit", 14}, {3, 1, "M_bit", 15}, {3, 1, "M_bit", 16}, {3, 1, "M_bit", 17}}},
-        {"one contact", "TX", 3, 1, 1, "", {1}, {{3, 1, "TX", 3}}, {{3, 1, "TX", 3}}},
-        {"several contacts", "TX", 10, 3, 1, "", {1, 0, 1}, {{3, 1, "TX", 10}, {3, 1, "TX", 12}},
-         {{3, 1, "TX", 10}, {3, 1, "TX", 11}, {3, 1, "TX", 12}}},
+        {"one contact", "TX", 3, 1, 1, {1}, {}, {{AREA_TX, 0, 0x0008}}, "o", "", {{3, 1, "TX", 3}}, {{3, 1, "TX", 3}}},
+        {"contacts one frame each", "TX", 10, 3, 1, {1, 0, 1}, {{AREA_TX, 0, 0x0800}}, {{AREA_TX, 0, 0x1400}}, "ono",
+         "", {{3, 1, "TX", 10}, {3, 1, "TX", 12}}, {{3, 1, "TX", 10}, {3, 1, "TX", 11}, {3, 1, "TX", 12}}},
         // clang-format on
     };
     for (const Case &c : cases) {
-        SCOPED_TRACE(c.what);
-        reset("3#0#0#3#64");
-        watch(c.watched);
-        setData(1, c.reg, c.address, c.data, c.count);
-        EXPECT_EQ(notes, c.shown); // shown at once
-        notes.clear();
-        plc.linkDown = true;
-        EXPECT_EQ(plc.pump(3), (std::vector<int>{8, 8, 2}));
-        EXPECT_EQ(notes, c.takenBack); // and taken back
-        EXPECT_EQ(getData(1, c.reg, c.address, c.count, c.bytesPer),
-                  std::vector<unsigned char>(c.data.size(), 0));
-        for (const _DATA_ &d : driver.dataAreas)
-            EXPECT_FALSE(d.writePending) << d.name.toStdString() << " " << d.address;
-        EXPECT_TRUE(driver.writeList.isEmpty());
-        EXPECT_TRUE(driver.sendList.isEmpty());
-        EXPECT_EQ(driver.commError, 1);
+        for (bool fails : {false, true}) {
+            if (fails && c.shown.empty())
+                continue;
+            SCOPED_TRACE(std::string(c.what) + (fails ? ", failing" : ""));
+            reset("3#0#0#3#64");
+            watch(fails ? c.watched : ""); // polling would come between the writes
+            for (const Word &w : c.before)
+                plc.set(w.area, w.word, w.value);
+            setData(1, c.reg, c.start, c.data, c.count, 5);
+            if (!fails) {
+                EXPECT_EQ(plc.pump(10), std::vector<int>(c.commands.size(), RECEIVE_DONE));
+                EXPECT_EQ(plc.commands(), c.commands);
+                for (const Word &w : c.after)
+                    EXPECT_EQ(plc.word(w.area, w.word), w.value) << w.area << " " << w.word;
+            } else {
+                EXPECT_EQ(notes, c.shown); // shown at once
+                notes.clear();
+                plc.linkDown = true;
+                EXPECT_EQ(plc.pump(3),
+                          (std::vector<int>{RECEIVE_RETRY, RECEIVE_RETRY, RECEIVE_ABANDONED}));
+                EXPECT_EQ(notes, c.takenBack); // and taken back
+                EXPECT_TRUE(driver.sendList.isEmpty());
+                EXPECT_EQ(driver.commError, 1);
+            }
+            EXPECT_TRUE(driver.writeList.isEmpty());
+            for (const _DATA_ &d : driver.dataAreas)
+                EXPECT_FALSE(d.writePending) << d.name.toStdString() << d.address;
+            // A failed write falls back to the image, which nothing has filled.
+            const std::vector<unsigned char> shown =
+                fails ? std::vector<unsigned char>(c.data.size()) : c.data;
+            EXPECT_EQ(getData(1, c.reg, c.start, c.count, c.bytesPer), shown);
+        }
     }
 }
 

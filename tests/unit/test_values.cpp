@@ -134,13 +134,6 @@ TEST_F(ValuesTest, DuplicateWritesReplaceTheNewestQueuedEqualRequest)
     EXPECT_TRUE(notes.empty()) << "the shown value did not change";
     setData(1, "D_W", 5, words({5}), 2, 5); // count differs: appended
     EXPECT_EQ(runsOf(driver.writeList), "D_W 5 1, D_W 5 1, D_W 5 2");
-
-    driver.writeList.clear();
-    for (int i = 0; i < 514; ++i)
-        setData(1, "D_W", i, words({1}), 1, i);
-    ASSERT_EQ(driver.writeList.size(), 513);
-    EXPECT_EQ(driver.writeList[511].address, 511);
-    EXPECT_EQ(driver.writeList[512].address, 513); // the newest replaces the last
 }
 
 TEST_F(ValuesTest, LocalWriteOnlyQueuesNothing)
@@ -151,38 +144,6 @@ TEST_F(ValuesTest, LocalWriteOnlyQueuesNothing)
     EXPECT_TRUE(driver.writeList.isEmpty());
     EXPECT_EQ(word16(1, "D_W", 5), 7);
     EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "D_W", 5}}));
-}
-
-TEST_F(ValuesTest, WriteSizeLimits)
-{
-    struct Case {
-        const char *reg;
-        int start, count;
-        const char *queued;
-    } cases[] = {
-        // clang-format off
-        {"D_W", 40, 513, ""},   // more than the 1024 data bytes: refused as a whole
-        {"M_bit", 40, 1025, ""},
-        {"TX", 40, 1025, ""},
-        {"D_W", 40, 0, "D_W 40 0"}, // queued as given, shown nowhere, never framed
-        {"D_W", 0, 512, "D_W 0 64, D_W 64 64, D_W 128 64, D_W 192 64, D_W 256 64, D_W 320 64, "
-                        "D_W 384 64, D_W 448 64"},
-        {"M_bit", 0, 1024, "M_bit 0 512, M_bit 512 512"},
-        // clang-format on
-    };
-    for (const Case &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.reg << " count " << c.count);
-        reset("3#0#0#3#64");
-        const std::string watched = std::string(c.reg) + " " + std::to_string(c.start) + " 1";
-        watch(watched.c_str());
-        EXPECT_EQ(setData(1, c.reg, c.start, std::vector<unsigned char>(4096, 1), c.count), 1);
-        EXPECT_EQ(runsOf(driver.writeList), c.queued);
-        if (c.count < 1 || !*c.queued) {
-            EXPECT_TRUE(notes.empty());
-            for (const _DATA_ &d : driver.dataAreas)
-                EXPECT_FALSE(d.writePending);
-        }
-    }
 }
 
 TEST_F(ValuesTest, SharedWordAndBitRecords)
