@@ -49,7 +49,7 @@ TEST_F(Limits, LongWritesGoOutInFramesOfAtMost127Words)
             data.insert(data.end(), {static_cast<unsigned char>(i),
                                      static_cast<unsigned char>(0x80 | (i >> 8))});
         setData(1, "D_W", 0, data, 512);
-        EXPECT_EQ(plc.pump(20), std::vector<int>(c.wordsPerFrame.size(), 1));
+        EXPECT_EQ(plc.pump(20), std::vector<int>(c.wordsPerFrame.size(), RECEIVE_DONE));
         std::vector<int> sizes;
         for (const std::string &r : plc.received)
             sizes.push_back(int(r.size() - 14) / 4);

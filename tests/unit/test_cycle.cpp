@@ -16,7 +16,7 @@ TEST_F(CycleTest, PolledValuesArriveAndNotify)
     plc.set(AREA_D, 102, 0xBEEF);
     plc.set(AREA_M, 10, 0x0028);
     plc.set(AREA_TX, 2, 0x0018); // contacts 35 and 36
-    EXPECT_EQ(plc.pump(3), (std::vector<int>{1, 1, 1}));
+    EXPECT_EQ(plc.pump(3), (std::vector<int>{RECEIVE_DONE, RECEIVE_DONE, RECEIVE_DONE}));
     EXPECT_EQ(plc.commands(), "rrr");
     // clang-format off
     EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "M_bit", 163}, {3, 1, "M_bit", 165}, {3, 1, "M_W", 10},
@@ -29,14 +29,14 @@ TEST_F(CycleTest, PolledValuesArriveAndNotify)
     EXPECT_EQ(getData(1, "TX", 35, 2, 1), (std::vector<unsigned char>{1, 1}));
 
     notes.clear();
-    EXPECT_EQ(plc.pump(3), (std::vector<int>{1, 1, 1}));
+    EXPECT_EQ(plc.pump(3), (std::vector<int>{RECEIVE_DONE, RECEIVE_DONE, RECEIVE_DONE}));
     EXPECT_TRUE(notes.empty()) << "unchanged values were reported";
 
     // Contact bits come from the low byte of the word; the high byte holds
     // contacts 43 and 44 and must not leak into 35 and 36.
     plc.set(AREA_M, 10, 0x0020);
     plc.set(AREA_TX, 2, 0x1810);
-    EXPECT_EQ(plc.pump(3), (std::vector<int>{1, 1, 1}));
+    EXPECT_EQ(plc.pump(3), (std::vector<int>{RECEIVE_DONE, RECEIVE_DONE, RECEIVE_DONE}));
     EXPECT_EQ(notes,
               (std::vector<Note>{{3, 1, "M_bit", 163}, {3, 1, "M_W", 10}, {3, 1, "TX", 35}}));
     EXPECT_EQ(getData(1, "TX", 35, 2, 1), (std::vector<unsigned char>{0, 1}));
@@ -86,7 +86,7 @@ TEST_F(CycleTest, ContactsAcrossAWordEdge)
     watch("CX 14 4");
     plc.set(AREA_CX, 0, 0x4000); // contact 14
     plc.set(AREA_CX, 1, 0x0002); // contact 17
-    EXPECT_EQ(plc.pump(1), (std::vector<int>{1}));
+    EXPECT_EQ(plc.pump(1), (std::vector<int>{RECEIVE_DONE}));
     EXPECT_EQ(getData(1, "CX", 14, 4, 1), (std::vector<unsigned char>{1, 0, 0, 1}));
     EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "CX", 14}, {3, 1, "CX", 17}}));
 }
@@ -168,7 +168,8 @@ TEST_F(CycleTest, RecipeDownloadAndUploadRoundTrip)
         putRecipeWord(i, 0x0001); // every bit on: the low byte says so
     plc.set(AREA_M, 0, 0x0F07);
     status[STATUS_RECIPE_WRITE] = 1;
-    EXPECT_EQ(plc.pump(10), (std::vector<int>{1, 1, 1, 1}));
+    EXPECT_EQ(plc.pump(10),
+              (std::vector<int>{RECEIVE_DONE, RECEIVE_DONE, RECEIVE_DONE, RECEIVE_DONE}));
     EXPECT_EQ(plc.commands(), "wwrw");
     for (int i = 0; i < 3; ++i)
         EXPECT_EQ(plc.word(AREA_D, 10 + i), 0x1201 * (i + 1));
@@ -183,7 +184,7 @@ TEST_F(CycleTest, RecipeDownloadAndUploadRoundTrip)
         plc.set(AREA_D, i < 3 ? 10 + i : 40, changed[i]);
     notes.clear();
     status[STATUS_RECIPE_READ] = 1;
-    EXPECT_EQ(plc.pump(10), (std::vector<int>{1, 1}));
+    EXPECT_EQ(plc.pump(10), (std::vector<int>{RECEIVE_DONE, RECEIVE_DONE}));
     for (int i = 0; i < 4; ++i)
         EXPECT_EQ(recipeWord(i), changed[i]) << i;
     EXPECT_EQ(notes,
@@ -234,7 +235,7 @@ TEST_F(CycleTest, BitRecipeUploadLandsInItsWord)
     recipeVars("M_bit 35 1");
     plc.set(AREA_M, 2, 0x0008);
     status[STATUS_RECIPE_READ] = 1;
-    EXPECT_EQ(plc.pump(10), (std::vector<int>{1}));
+    EXPECT_EQ(plc.pump(10), (std::vector<int>{RECEIVE_DONE}));
     EXPECT_EQ(word16(1, "M_W", 2), 0x0008);
     EXPECT_EQ(getData(1, "M_bit", 35, 1, 1), std::vector<unsigned char>{1});
     EXPECT_EQ(findArea(1, "M", 35), nullptr);
@@ -245,7 +246,7 @@ TEST_F(CycleTest, BitConditionReadNotifiesWatchedBits)
     watch("M_bit 36 1");
     plc.set(AREA_M, 2, 0x0010); // bit 36
     intf_addConditionRead(key(1, "M_bit", 35, 20, -1), 8);
-    EXPECT_EQ(plc.pump(1), (std::vector<int>{1}));
+    EXPECT_EQ(plc.pump(1), (std::vector<int>{RECEIVE_DONE}));
     EXPECT_EQ(plc.received, std::vector<std::string>{frame("ri0400000463")}); // M_W 2, two words
     EXPECT_EQ(notes, (std::vector<Note>{{3, 1, "M_bit", 36}, {-1, -1, "-1", 0}}));
     EXPECT_EQ(getData(1, "M_bit", 36, 1, 1), std::vector<unsigned char>{1});
@@ -274,12 +275,12 @@ TEST_F(CycleTest, BadRepliesAreRetriedThenAbandoned)
         FRAME_PRO f;
         for (int i = 0; i < 3 && nextFrame(f); ++i)
             codes.push_back(deliver(i == 0 ? c.first : bad));
-        EXPECT_EQ(codes, (std::vector<int>{8, 8, 2}));
+        EXPECT_EQ(codes, (std::vector<int>{RECEIVE_RETRY, RECEIVE_RETRY, RECEIVE_ABANDONED}));
         EXPECT_EQ(driver.commError, 1);
         EXPECT_TRUE(driver.sendList.isEmpty());
         ASSERT_TRUE(nextFrame(f)); // the abandoned block went to the back
         EXPECT_EQ(f.var.address, 500);
-        EXPECT_EQ(deliver(readReply({0})), 1);
+        EXPECT_EQ(deliver(readReply({0})), RECEIVE_DONE);
         EXPECT_EQ(driver.commError, 0);
     }
 
@@ -289,9 +290,11 @@ TEST_F(CycleTest, BadRepliesAreRetriedThenAbandoned)
         std::vector<bool> good;
         std::vector<int> codes;
     } runs[] = {
-        {"3#0#0#3#64", {false, true, false, false, false}, {8, 1, 8, 8, 2}},
-        {"3#0#0#1#64", {false}, {2}},
-        {"3#0#0#0#64", {false}, {2}},
+        {"3#0#0#3#64",
+         {false, true, false, false, false},
+         {RECEIVE_RETRY, RECEIVE_DONE, RECEIVE_RETRY, RECEIVE_RETRY, RECEIVE_ABANDONED}},
+        {"3#0#0#1#64", {false}, {RECEIVE_ABANDONED}},
+        {"3#0#0#0#64", {false}, {RECEIVE_ABANDONED}},
     };
     for (const Run &r : runs) {
         SCOPED_TRACE(r.properties);

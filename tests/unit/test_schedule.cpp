@@ -44,7 +44,7 @@ TEST_F(ScheduleTest, WritesConditionReadsAndPollingShareTheBurst)
             order += f.var.requestTag == 11 ? 'W' : f.var.requestTag == 22 ? 'C' : 'P';
             if (f.var.requestTag == 11)
                 written.push_back(f.var.address);
-            EXPECT_EQ(deliver(goodReply(f)), 1);
+            EXPECT_EQ(deliver(goodReply(f)), RECEIVE_DONE);
         }
         EXPECT_EQ(order, c.order);
         EXPECT_TRUE(std::is_sorted(written.begin(), written.end())) << "writes out of order";
@@ -72,7 +72,7 @@ TEST_F(ScheduleTest, FrameOfferedAgainUntilRetired)
         EXPECT_EQ(runsOf(QList<VARIABLE>{f->var}), "D_W 5 1");
         EXPECT_EQ(memcmp(f->var.data, first.var.data, DATA_BYTES), 0);
     }
-    EXPECT_EQ(deliver(reply("w")), 1);
+    EXPECT_EQ(deliver(reply("w")), RECEIVE_DONE);
     FRAME_PRO next;
     ASSERT_TRUE(nextFrame(next));
     EXPECT_EQ(next.frame[1], 'r');
@@ -146,8 +146,8 @@ TEST_F(ScheduleTest, RecipeDownloadGoesFirstBlockByBlock)
         FRAME_PRO f;
         ASSERT_TRUE(nextFrame(f));
         EXPECT_EQ(bytesOf(f), frame(body));
-        EXPECT_EQ(driver.sendState, 5);
-        EXPECT_EQ(deliver(reply("w")), 1);
+        EXPECT_EQ(driver.sendState, SEND_RECIPE_WRITE);
+        EXPECT_EQ(deliver(reply("w")), RECEIVE_DONE);
     }
     EXPECT_EQ(status[STATUS_RECIPE_WRITE], 0);
     EXPECT_EQ(status[STATUS_RECIPE_READ], 1); // the upload comes next
@@ -156,7 +156,7 @@ TEST_F(ScheduleTest, RecipeDownloadGoesFirstBlockByBlock)
     FRAME_PRO f;
     ASSERT_TRUE(nextFrame(f));
     EXPECT_EQ(bytesOf(f), frame("ra140000045C"));
-    EXPECT_EQ(driver.sendState, 6);
+    EXPECT_EQ(driver.sendState, SEND_RECIPE_READ);
 }
 
 TEST_F(ScheduleTest, FailedRecipeTransferIsAbandoned)
@@ -167,7 +167,7 @@ TEST_F(ScheduleTest, FailedRecipeTransferIsAbandoned)
     FRAME_PRO f;
     for (int i = 0; i < 3 && nextFrame(f); ++i)
         codes.push_back(deliver(QByteArray("\x15")));
-    EXPECT_EQ(codes, (std::vector<int>{8, 8, 2}));
+    EXPECT_EQ(codes, (std::vector<int>{RECEIVE_RETRY, RECEIVE_RETRY, RECEIVE_ABANDONED}));
     EXPECT_EQ(status[STATUS_RECIPE_WRITE], 0);
     EXPECT_EQ(driver.rcpIndex, 0);
     EXPECT_EQ(intf_getSendFrame(&f), 0);
@@ -187,7 +187,7 @@ TEST_F(ScheduleTest, StuckRecipeByteDoesNotBlockOtherWork)
         EXPECT_EQ(status[size_t(offset)], 0);
         ASSERT_TRUE(lock.tryLock()) << "host lock left held";
         lock.unlock();
-        EXPECT_EQ(deliver(reply("w")), 1);
+        EXPECT_EQ(deliver(reply("w")), RECEIVE_DONE);
         ASSERT_TRUE(nextFrame(f));
         EXPECT_EQ(f.frame[1], 'r');
     }

@@ -174,11 +174,11 @@ TEST_F(ValuesTest, BitWritesCountOutstandingRequests)
     EXPECT_EQ(driver.dataAreas[i].writtenValue[0], 0x00);
 
     notes.clear();
-    EXPECT_EQ(plc.exchange(), 1); // the first lands; the second is still to come
+    EXPECT_EQ(plc.exchange(), RECEIVE_DONE); // the first lands; the second is still to come
     EXPECT_TRUE(driver.dataAreas[i].writePending);
     EXPECT_EQ(driver.dataAreas[i].pendingBitWrites, 1u << 10);
     EXPECT_TRUE(notes.empty());
-    EXPECT_EQ(plc.exchange(), 1);
+    EXPECT_EQ(plc.exchange(), RECEIVE_DONE);
     const _DATA_ &d = driver.dataAreas[i];
     EXPECT_FALSE(d.writePending);
     EXPECT_EQ(d.pendingBitWrites, 0u);
@@ -222,10 +222,10 @@ TEST_F(ValuesTest, BitWritesNeverStayShownAfterTheyFailed)
             if (step == "ack" || step == "fail") {
                 if (step == "fail")
                     lastFailure = notes.size();
-                EXPECT_EQ(plc.exchange(), step == "ack" ? 1 : 2) << step;
+                EXPECT_EQ(plc.exchange(), step == "ack" ? RECEIVE_DONE : RECEIVE_ABANDONED) << step;
             } else if (step == "acks") {
                 for (int n = 0; n < 20 && !driver.writeList.isEmpty(); ++n)
-                    EXPECT_EQ(plc.exchange(), 1);
+                    EXPECT_EQ(plc.exchange(), RECEIVE_DONE);
             } else if (step == "w5") {
                 setData(1, "D_W", 5, words({5}), 1);
             } else if (step == "m10=1024" || step == "m10=1056") {
@@ -311,8 +311,8 @@ TEST_F(ValuesTest, ReplyWhileAWriteIsOutstanding)
         const KEY_ADDRESS k = runs(c.block)[0];
         driver.sendList.clear();
         ASSERT_EQ(readFrames(var(1, k.regName, k.address, 1)), 1);
-        driver.sendState = 4;
-        EXPECT_EQ(deliver(readReply({c.polled})), 1);
+        driver.sendState = SEND_POLLING_READ;
+        EXPECT_EQ(deliver(readReply({c.polled})), RECEIVE_DONE);
         const _DATA_ *d = findArea(1, c.area, k.address);
         ASSERT_NE(d, nullptr);
         EXPECT_EQ(d->writePending, c.stillPending);
