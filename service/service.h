@@ -39,31 +39,6 @@ void rcpAddrToVar(const Register *reg, _RCP_VAR_PRO block, VARIABLE &var, int wi
 // The sort key of an address, by the register's place in driver.regNameList.
 unsigned int getRegAddressWeight(int station, const QString &regName, int value);
 
-// --- request queues and the write queue (write_queue.cpp) ---
-// Replaces an equal request (searched from the end down to index 1) or appends,
-// never holding more than 513 entries: a full list loses its last request,
-// which is copied to `displaced` (when given) and reported by returning true.
-bool queueRequest(QList<VARIABLE> &list, const VARIABLE &request, VARIABLE *displaced = nullptr);
-bool sameRequest(const VARIABLE &a, const VARIABLE &b);
-// Queues the pieces of one write of the runtime's.
-void queueWrite(const Register &reg, const KEY_ADDRESS &key, int tag);
-void clearWrites();
-// The head of the write list is done and leaves it.
-void retireHeadWrite();
-// The head cannot be framed: settled as failed, then it leaves the list.
-void dropHeadWrite();
-// The write frames on sendList are abandoned: each settles its piece as failed.
-void failQueuedWrites();
-// A record shows its written value (showWrittenBits, below: for the bits of a
-// word (area, address), `countRequests` counts the bit writes left for it).
-void showWrittenValue(_DATA_ &record);
-// A polled value that differs from the image takes over a word or a contact,
-// unless bit writes are left for the word.
-void polledWordChanged(_DATA_ &record);
-void polledContactChanged(_DATA_ &record);
-// A new list of watched addresses forgets the counts of bit writes left.
-void forgetBitWriteCount(_DATA_ &record);
-
 // --- send schedule and dispatch ---
 // The kind of the frame in flight, in `sendState`.
 enum SendState {
@@ -176,7 +151,6 @@ AreaRecords areaRecords(int stationNo, const QString &name);
 int recordIndex(const AreaRecords &area, int address);
 // The record itself, with its index in `index` when given.
 _DATA_ &recordAt(const AreaRecords &area, int address, int *index = nullptr);
-void showWrittenBits(const AreaRecords &area, _DATA_ &record, int address, bool countRequests);
 void clearDataAreas();
 // Indices of the records (station, name, first + k) for k below count, created
 // when absent.
@@ -191,5 +165,31 @@ void _dwordDataChange(int *oldValue, int *newValue, int index, int skipBits);
 void write_saveDataToArea(int stationNo, QString regName, int start, int count,
                           unsigned char *data);
 void _write_FailOrSuc(int stationNo, QString regName, int start, int count, int success);
+
+// --- request queues and the write queue (write_queue.cpp) ---
+// Replaces an equal request (searched from the end down to index 1) or appends,
+// never holding more than 513 entries: a full list loses its last request,
+// which is copied to `displaced` (when given) and reported by returning true.
+bool queueRequest(QList<VARIABLE> &list, const VARIABLE &request, VARIABLE *displaced = nullptr);
+bool sameRequest(const VARIABLE &a, const VARIABLE &b);
+// Queues the pieces of one write of the runtime's.
+void queueWrite(const Register &reg, const KEY_ADDRESS &key, int tag);
+void clearWrites();
+// The head of the write list is done and leaves it.
+void retireHeadWrite();
+// The head cannot be framed: settled as failed, then it leaves the list.
+void dropHeadWrite();
+// The write frames on sendList are abandoned: each settles its piece as failed.
+void failQueuedWrites();
+// A record shows its written value. For a bit of word (area, address),
+// `countRequests` also counts the bit writes left for that word.
+void showWrittenValue(_DATA_ &record);
+void showWrittenBits(const AreaRecords &area, _DATA_ &record, int address, bool countRequests);
+// A polled value that differs from the image takes over a word or a contact,
+// unless bit writes are left for the word.
+void polledWordChanged(_DATA_ &record);
+void polledContactChanged(_DATA_ &record);
+// A new list of watched addresses forgets the counts of bit writes left.
+void forgetBitWriteCount(_DATA_ &record);
 
 #endif
