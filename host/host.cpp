@@ -16,6 +16,7 @@ namespace xbchost {
 namespace {
 
 enum : char { EOT_BYTE = 0x04 };
+enum { READ_CHUNK_BYTES = 4096 };
 
 // The callback is a plain function pointer; the driver is one object per
 // process, so one host per process is all it can serve.
@@ -220,12 +221,28 @@ void captureReceived(Host &host, const QByteArray &bytes)
         xbctrace::recordReceived(*host.capture, captureEndsOf(host), bytes);
 }
 
-// Reply bytes until EOT, replyLen bytes, the timeout or a lost link.
-void collectReply(Host &host, QIODevice &device, int replyLen, QByteArray &got)
+// Appends what the link holds now: one read when it all fits in a chunk
+// (readAll would read again to find the end, into a fresh 16 KiB buffer).
+void readAvailable(QIODevice &device, QByteArray &got)
 {
-    QByteArray pastEot; // a doubled reply's surplus, kept for the capture
-    QElapsedTimer timer;
-    timer.start();
+    char chunk[READ_CHUNK_BYTES];
+    qint64 n = 0;
+    do {
+        n = device.read(chunk, sizeof chunk);
+        if (n > 0)
+            got.append(chunk, int(n));
+    } while (n == qint64(sizeof chunk));
+}
+
+// Until bytes come, the time is up or the link is lost. On the link alone when
+// the thread serves nothing else; otherwise in an event loop, so that a
+// simulator or anything else served by this thread keeps going.
+void waitForBytes(Host &host, QIODevice &device, int ms)
+{
+    if (host.config.waitOnLinkOnly) {
+        device.waitForReadyRead(ms);
+        return;
+    }
     QEventLoop loop;
     QTimer wake;
     wake.setSingleShot(true);
@@ -234,8 +251,18 @@ void collectReply(Host &host, QIODevice &device, int replyLen, QByteArray &got)
     QObject::connect(&device, &QIODevice::aboutToClose, &loop, &QEventLoop::quit);
     if (host.link.tcp && &device == host.link.tcp.get())
         QObject::connect(host.link.tcp.get(), &QTcpSocket::disconnected, &loop, &QEventLoop::quit);
+    wake.start(ms);
+    loop.exec();
+}
+
+// Reply bytes until EOT, replyLen bytes, the timeout or a lost link.
+void collectReply(Host &host, QIODevice &device, int replyLen, QByteArray &got)
+{
+    QByteArray pastEot; // a doubled reply's surplus, kept for the capture
+    QElapsedTimer timer;
+    timer.start();
     for (;;) {
-        got += device.readAll();
+        readAvailable(device, got);
         const int eot = got.indexOf(EOT_BYTE);
         if (eot >= 0) {
             pastEot = got.mid(eot + 1);
@@ -245,11 +272,11 @@ void collectReply(Host &host, QIODevice &device, int replyLen, QByteArray &got)
         if (replyLen > 0 && got.size() >= replyLen)
             break;
         const qint64 left = host.config.replyTimeoutMs - timer.elapsed();
-        if (left <= 0 || !device.isOpen())
+        if (left <= 0 || !device.isOpen() || !linkIsUp(host))
             break;
-        wake.start(int(left));
-        loop.exec();
+        waitForBytes(host, device, int(left));
     }
+    host.link.readable = false; // what the link said has been read
     captureReceived(host, got);
     if (!pastEot.isEmpty())
         captureReceived(host, pastEot);
@@ -265,7 +292,8 @@ QIODevice *deviceOf(Host &host)
 void sendBytes(Host &host, QIODevice &device, const QByteArray &bytes)
 {
     // A late or doubled reply must not pass for the next one.
-    const QByteArray stale = device.readAll();
+    QByteArray stale;
+    readAvailable(device, stale);
     if (!stale.isEmpty())
         captureReceived(host, stale);
     if (host.capture)

@@ -41,8 +41,11 @@ const std::map<QString, QSerialPort::StopBits> STOP_BITS = {
 bool connectTcp(Host &host)
 {
     Link &link = host.link;
-    if (!link.tcp)
+    if (!link.tcp) {
         link.tcp = std::make_unique<QTcpSocket>();
+        QObject::connect(link.tcp.get(), &QIODevice::readyRead, link.tcp.get(),
+                         [&link]() { link.readable = true; });
+    }
     QTcpSocket &s = *link.tcp;
     s.abort();
     QEventLoop loop;
@@ -51,7 +54,10 @@ bool connectTcp(Host &host)
     QObject::connect(&timer, &QTimer::timeout, &loop, &QEventLoop::quit);
     QObject::connect(&s, &QTcpSocket::connected, &loop, &QEventLoop::quit);
     QObject::connect(&s, &QAbstractSocket::errorOccurred, &loop, &QEventLoop::quit);
-    s.connectToHost(link.config.host, link.config.port);
+    // Unbuffered: a request goes out in the write call and a reply is read
+    // straight from the socket, with no notifier switched on and off for them.
+    s.connectToHost(link.config.host, link.config.port,
+                    QIODevice::ReadWrite | QIODevice::Unbuffered);
     timer.start(CONNECT_TIMEOUT_MS);
     if (s.state() != QAbstractSocket::ConnectedState &&
         s.state() != QAbstractSocket::UnconnectedState)
@@ -99,6 +105,17 @@ bool openSerial(Host &host)
     }
     p.clear();
     return true;
+}
+
+// The socket reads straight from the kernel, so a peer that closed an idle
+// link shows only when something reads: here, once the socket said so.
+void noticePeerClose(Link &link)
+{
+    if (!link.readable || !link.tcp || link.tcp->state() != QAbstractSocket::ConnectedState)
+        return;
+    link.readable = false;
+    char next = 0;
+    link.tcp->peek(&next, 1); // the end of the stream disconnects the socket
 }
 
 } // namespace
@@ -183,6 +200,7 @@ void closeLink(Host &host)
 bool ensureLink(Host &host)
 {
     Link &link = host.link;
+    noticePeerClose(link);
     if (linkIsUp(host))
         return true;
     if (link.connects > 0 && link.backoffMs == 0) {

@@ -469,6 +469,8 @@ int main(int argc, char **argv)
     host.config.trace = parser.isSet(opt.trace);
     host.config.printChanges = plan.command == RunPlan::Loop;
     host.config.printEvents = true;
+    // This thread serves only the link; the console runs in threads of its own.
+    host.config.waitOnLinkOnly = true;
     host.config.cycleFloorMs = plan.command == RunPlan::Loop ? int(PANEL_CYCLE_MS) : 0;
     const QString path = driverPath(parser.value(opt.driver));
     if (!loadDriverFor(host, path, &error))

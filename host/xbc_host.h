@@ -88,6 +88,7 @@ struct Link {
     QElapsedTimer lastAttempt;
     int connects = 0;
     int failedAttempts = 0;
+    bool readable = false; // the socket said bytes (or its end) came since the last read
 };
 
 enum { CONNECT_TIMEOUT_MS = 1000, BACKOFF_FIRST_MS = 100, BACKOFF_MAX_MS = 3000 };
@@ -192,6 +193,10 @@ struct HostConfig {
     int replyTimeoutMs = 500;
     int pollIntervalMs = 20;
     int cycleFloorMs = 0; // shortest poll cycle; 0 polls as fast as the link goes
+    // Nothing else on this thread needs its event loop while a reply is awaited
+    // (xbc-host): wait on the link alone, which costs far less per exchange.
+    // False serves the loop meanwhile, e.g. for a simulator in the same thread.
+    bool waitOnLinkOnly = false;
     bool trace = false;
     bool printChanges = false; // value changes on stdout
     // Time-stamped events: write outcomes (stdout when landed), retries and
