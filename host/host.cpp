@@ -10,6 +10,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <poll.h>
 
 namespace xbchost {
 
@@ -239,6 +240,13 @@ void readAvailable(QIODevice &device, QByteArray &got)
 // simulator or anything else served by this thread keeps going.
 void waitForBytes(Host &host, QIODevice &device, int ms)
 {
+    if (host.config.waitOnLinkOnly && host.link.config.kind == LinkConfig::Tcp) {
+        // On the descriptor itself: the socket's own wait switches its
+        // notifier off and on again, and each switch wakes the idle dispatcher.
+        pollfd link{int(host.link.tcp->socketDescriptor()), POLLIN, 0};
+        ::poll(&link, 1, ms);
+        return;
+    }
     if (host.config.waitOnLinkOnly) {
         device.waitForReadyRead(ms);
         return;
