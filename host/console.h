@@ -2,11 +2,10 @@
 // driver reports changes), watches and writes typed in register notation,
 // the link's state, loop figures and the last frames.
 //
-// The HTTP server runs its own threads. Everything that touches the host or
-// the driver runs on the host's thread, between two exchanges of the loop:
-// server threads hand their work over and wait for the answer. Values, frames
-// and figures flow the other way through a buffer the page's event streams
-// read from.
+// In files by concern: console_options.cpp (this header's options),
+// console_http.cpp (the server and its routes, on the server's threads),
+// console_bridge.* (work handed between those threads and the host's) and
+// console_model.* (what the page shows, on the host's thread).
 #ifndef XBC_HOST_CONSOLE_H
 #define XBC_HOST_CONSOLE_H
 
@@ -29,6 +28,11 @@ struct ConsoleOptions {
 // token if given, else one made up here. Empty error text on success.
 QString parseConsoleOptions(const QString &target, const QString &token, ConsoleOptions &out);
 
+// What to open: the console's address with its token. A console on all
+// addresses names the loopback address and the machine's own names instead
+// of 0.0.0.0, which no browser opens.
+QString consoleAddressText(const ConsoleOptions &options, quint16 port);
+
 struct Console;
 struct ConsoleStop {
     void operator()(Console *console) const;
@@ -36,7 +40,7 @@ struct ConsoleStop {
 using ConsoleHandle = std::unique_ptr<Console, ConsoleStop>;
 
 // Serves the console for host until the handle goes (before the host does).
-// On success *url is the address to open, token included.
+// On success *url is consoleAddressText() for the port it listens on.
 ConsoleHandle startConsole(Host &host, const ConsoleOptions &options, QString *url, QString *error);
 
 } // namespace xbchost

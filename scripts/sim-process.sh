@@ -12,7 +12,9 @@ start_sim() {
     local log="$1"
     shift
     : > "$log"
-    "$@" > "$log" 2>&1 &
+    # Keeps the caller's input (a background job would get /dev/null), so a
+    # caller can feed the simulator's --control channel: start_sim ... 0<>FIFO
+    "$@" 0<&0 > "$log" 2>&1 &
     SIM_PID=$!
     SIM_PORT=""
     for _ in $(seq "$SIM_START_TRIES"); do

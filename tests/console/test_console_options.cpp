@@ -7,6 +7,7 @@
 
 #include <QRegularExpression>
 
+using xbchost::consoleAddressText;
 using xbchost::ConsoleOptions;
 using xbchost::parseConsoleOptions;
 
@@ -58,6 +59,29 @@ TEST(ConsoleOptions, MadeUpTokensDiffer)
     ASSERT_EQ(parseConsoleOptions(QStringLiteral("0.0.0.0:0"), QString(), a), QString());
     ASSERT_EQ(parseConsoleOptions(QStringLiteral("0.0.0.0:0"), QString(), b), QString());
     EXPECT_NE(a.token, b.token);
+}
+
+// The address printed at start is one a browser can open: never 0.0.0.0 or ::.
+TEST(ConsoleOptions, PrintsAddressesABrowserOpens)
+{
+    const struct {
+        const char *target;
+        const char *starts;
+        bool allAddresses;
+    } cases[] = {{"127.0.0.1:0", "http://127.0.0.1:8080/", false},
+                 {"[::1]:0", "http://[::1]:8080/", false},
+                 {"192.168.10.5:0", "http://192.168.10.5:8080/?token=", false},
+                 {"0.0.0.0:0", "http://127.0.0.1:8080/?token=", true},
+                 {"[::]:0", "http://[::1]:8080/?token=", true}};
+    for (const auto &c : cases) {
+        ConsoleOptions o;
+        ASSERT_EQ(parseConsoleOptions(QString::fromLatin1(c.target), QString(), o), QString());
+        const QString text = consoleAddressText(o, 8080);
+        EXPECT_TRUE(text.startsWith(QLatin1String(c.starts))) << text.toStdString();
+        EXPECT_EQ(text.contains(QLatin1String("listening on all addresses")), c.allAddresses);
+        EXPECT_FALSE(text.contains(QLatin1String("0.0.0.0")) ||
+                     text.contains(QLatin1String("[::]")));
+    }
 }
 
 struct Refused {
