@@ -228,8 +228,25 @@ QByteArray answerFrame(Memory &mem, const QByteArray &frame)
     return ackReply(r.command, QByteArray());
 }
 
+namespace {
+
+// STX, no STX or ETX, ETX: one frame that is not overlong.
+bool isOneWholeFrame(const QByteArray &bytes)
+{
+    const int n = bytes.size();
+    if (n < 2 || n > MAX_REQUEST_BYTES || bytes[0] != STX || bytes[n - 1] != ETX)
+        return false;
+    const char *inner = bytes.constData() + 1;
+    return !std::memchr(inner, STX, size_t(n - 2)) && !std::memchr(inner, ETX, size_t(n - 2));
+}
+
+} // namespace
+
 QList<QByteArray> takeFrames(FrameSplitter &splitter, const QByteArray &incoming)
 {
+    // The usual case, a whole request in one read, goes on as it came.
+    if (splitter.pending.isEmpty() && isOneWholeFrame(incoming))
+        return {incoming};
     QList<QByteArray> frames;
     QByteArray &pending = splitter.pending;
     const char *const data = incoming.constData();
