@@ -10,6 +10,7 @@
 #include <QTimer>
 
 #include <cstdio>
+#include <cstring>
 #include <poll.h>
 
 namespace xbchost {
@@ -235,12 +236,18 @@ void readAvailable(QIODevice &device, QByteArray &got)
     } while (n == qint64(sizeof chunk));
 }
 
+// The TCP socket is read straight from the kernel and waited on directly.
+bool pollsDescriptor(const Host &host)
+{
+    return host.config.waitOnLinkOnly && host.link.config.kind == LinkConfig::Tcp;
+}
+
 // Until bytes come, the time is up or the link is lost. On the link alone when
 // the thread serves nothing else; otherwise in an event loop, so that a
 // simulator or anything else served by this thread keeps going.
 void waitForBytes(Host &host, QIODevice &device, int ms)
 {
-    if (host.config.waitOnLinkOnly && host.link.config.kind == LinkConfig::Tcp) {
+    if (pollsDescriptor(host)) {
         // On the descriptor itself: the socket's own wait switches its
         // notifier off and on again, and each switch wakes the idle dispatcher.
         pollfd link{int(host.link.tcp->socketDescriptor()), POLLIN, 0};
@@ -269,10 +276,16 @@ void collectReply(Host &host, QIODevice &device, int replyLen, QByteArray &got)
     QByteArray pastEot; // a doubled reply's surplus, kept for the capture
     QElapsedTimer timer;
     timer.start();
+    // Nothing can have come yet that a read would find: wait first.
+    if (pollsDescriptor(host) && linkIsUp(host))
+        waitForBytes(host, device, host.config.replyTimeoutMs);
     for (;;) {
+        const int searched = got.size(); // no EOT there
         readAvailable(device, got);
-        const int eot = got.indexOf(EOT_BYTE);
-        if (eot >= 0) {
+        const char *end = static_cast<const char *>(
+            std::memchr(got.constData() + searched, EOT_BYTE, size_t(got.size() - searched)));
+        if (end) {
+            const int eot = int(end - got.constData());
             pastEot = got.mid(eot + 1);
             got.truncate(eot + 1);
             break;
