@@ -85,7 +85,9 @@ QString parseOptions(const QCoreApplication &app, Options &o)
         {"driver", "PATH", XBC_DRIVER_PATH, "Driver library to load."},
         {"sim", "PATH", XBC_SIM_PATH, "xbc-plc-sim to run."},
         {"max-rss-mb", "MIB", DEFAULT_MAX_RSS_MIB, "Bound of the peak resident memory."},
-        {"retries", "N", "3", "retryTimes of the property string: fewer make more writes fail."},
+        {"retries", "N", "3",
+         "retryTimes of the property string, the tries of a frame (0 and 1: one); fewer make "
+         "more writes fail."},
     };
     QCommandLineParser parser;
     parser.setApplicationDescription(QLatin1String(DESCRIPTION));
