@@ -243,7 +243,14 @@ int getWriteFrame(const Register &reg, const VARIABLE &request, QList<FRAME_PRO>
 
 quint16 replyWord(const QByteArray &reply, int start, int k)
 {
-    return quint16(uchar2int16(asc2hex(reply, start + 4 * k), asc2hex(reply, start + 4 * k + 2)));
+    const int pos = start + 4 * k;
+    if (pos < 0 || pos > reply.size() - 4) // missing digits read as 0
+        return quint16(uchar2int16(asc2hex(reply, pos), asc2hex(reply, pos + 2)));
+    // A whole word, the usual case, without a bounds check per digit: a
+    // full-frame poll decodes 127 of them per reply.
+    const auto *d = reinterpret_cast<const unsigned char *>(reply.constData()) + pos;
+    return quint16(nibbleOf(d[2]) << 12 | nibbleOf(d[3]) << 8 | nibbleOf(d[0]) << 4 |
+                   nibbleOf(d[1]));
 }
 
 unsigned char replyBit(const QByteArray &reply, int start, int bit)
