@@ -127,12 +127,8 @@ struct WriteRecord {
     int failNoteIndex = -1; // notes from here on came with or after the failure
     bool done = false;      // nothing with its tag is queued or on the line any more
     qint64 doneAtMs = -1;
-    QString failReason;  // why its last frame was abandoned
-    QString text;        // "D_W:5 = 777", as the outcome names it
-    bool settled() const // kept for callers not yet on `done`
-    {
-        return done;
-    }
+    QString failReason; // why its last frame was abandoned
+    QString text;       // "D_W:5 = 777", as the outcome names it
 };
 // Landed: every frame it needed was answered (or, local-write-only, it was
 // kept in the driver's image). A write the driver took no frame for is not.
