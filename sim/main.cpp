@@ -280,6 +280,9 @@ QString summaryLine(xbcsim::Simulator &sim)
 
 int main(int argc, char **argv)
 {
+    // Qt's own poll loop instead of GLib's: it takes about half the
+    // instructions per request served, and the simulator needs nothing of GLib.
+    qputenv("QT_NO_GLIB", "1");
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("xbc-plc-sim"));
     const Options opt;
