@@ -16,8 +16,8 @@ libpcap-dev libcpp-httplib-dev"
 # clang-format checks the layout; the Qt 6 ones for the second build; dpkg-dev,
 # fakeroot, file and lintian for the Debian packages; the cross compilers and
 # qemu-user for the arm64 and armhf builds; doxygen builds the reference,
-# help2man the manual pages; libmodbus for the benchmark against another
-# library's frame code.
+# help2man the manual pages; libmodbus for the loopback comparison in bench/
+# (its TCP client and server against xbc-host and xbc-plc-sim).
 TEST_PACKAGES="binutils libgtest-dev libgmock-dev libbenchmark-dev clang clang-format llvm \
 libclang-rt-14-dev qt6-base-dev qt6-serialport-dev dpkg-dev fakeroot file lintian \
 g++-aarch64-linux-gnu g++-arm-linux-gnueabihf qemu-user doxygen help2man libmodbus-dev"
