@@ -1,6 +1,7 @@
 // Frame layout: hex characters, checksum, the handshake, read and write frames.
 #include "xbc_protocol.h"
 
+#include <array>
 #include <climits>
 
 unsigned char hexChar(int nibble)
@@ -246,11 +247,16 @@ quint16 replyWord(const QByteArray &reply, int start, int k)
     const int pos = start + 4 * k;
     if (pos < 0 || pos > reply.size() - 4) // missing digits read as 0
         return quint16(uchar2int16(asc2hex(reply, pos), asc2hex(reply, pos + 2)));
-    // A whole word, the usual case, without a bounds check per digit: a
-    // full-frame poll decodes 127 of them per reply.
+    // A whole word, the usual case, by table and without a bounds check per
+    // digit: a full-frame poll decodes 127 of them per reply.
+    static const std::array<quint8, 256> nibbles = [] {
+        std::array<quint8, 256> t{};
+        for (int c = 0; c < 256; ++c)
+            t[size_t(c)] = quint8(nibbleOf((unsigned char)c));
+        return t;
+    }();
     const auto *d = reinterpret_cast<const unsigned char *>(reply.constData()) + pos;
-    return quint16(nibbleOf(d[2]) << 12 | nibbleOf(d[3]) << 8 | nibbleOf(d[0]) << 4 |
-                   nibbleOf(d[1]));
+    return quint16(nibbles[d[2]] << 12 | nibbles[d[3]] << 8 | nibbles[d[0]] << 4 | nibbles[d[1]]);
 }
 
 unsigned char replyBit(const QByteArray &reply, int start, int bit)
