@@ -1,5 +1,6 @@
 // Why a reply was refused, told from the frame in flight and the bytes that
 // came: the driver only says good or bad.
+#include "frame_text.h"
 #include "xbc_host.h"
 
 namespace xbchost {
@@ -33,15 +34,6 @@ QString nakMeaning(int code)
     return QStringLiteral("no known meaning");
 }
 
-int hexValue(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 QString hexPairText(quint8 byte)
 {
     return QStringLiteral("%1").arg(byte, 2, 16, QLatin1Char('0')).toUpper();
@@ -60,8 +52,8 @@ QString nakText(const QByteArray &reply)
 {
     if (reply.size() < NAK_MIN_LEN + 1)
         return QStringLiteral("NAK without an error code (%1 bytes)").arg(reply.size());
-    const int high = hexValue(reply[NAK_CODE_AT]);
-    const int low = hexValue(reply[NAK_CODE_AT + 1]);
+    const int high = xbctrace::hexDigitValue(reply[NAK_CODE_AT]);
+    const int low = xbctrace::hexDigitValue(reply[NAK_CODE_AT + 1]);
     if (high < 0 || low < 0)
         return QStringLiteral("NAK with an unreadable error code '%1'")
             .arg(QString::fromLatin1(reply.mid(NAK_CODE_AT, 2)));

@@ -24,20 +24,6 @@ void warnLine(Host &host, const QString &text)
         host.config.traceSink(line);
 }
 
-// The parity and stop-bit names of a line text.
-const std::map<QString, QSerialPort::Parity> PARITIES = {
-    {QStringLiteral("NONE"), QSerialPort::NoParity},
-    {QStringLiteral("EVEN"), QSerialPort::EvenParity},
-    {QStringLiteral("ODD"), QSerialPort::OddParity},
-    {QStringLiteral("SPACE"), QSerialPort::SpaceParity},
-    {QStringLiteral("MARK"), QSerialPort::MarkParity},
-};
-const std::map<QString, QSerialPort::StopBits> STOP_BITS = {
-    {QStringLiteral("1"), QSerialPort::OneStop},
-    {QStringLiteral("1.5"), QSerialPort::OneAndHalfStop},
-    {QStringLiteral("2"), QSerialPort::TwoStop},
-};
-
 bool connectTcp(Host &host)
 {
     Link &link = host.link;
@@ -156,34 +142,6 @@ QString parseTcpTarget(const QString &text, LinkConfig &out)
     out.kind = LinkConfig::Tcp;
     out.host = host;
     out.port = port;
-    return QString();
-}
-
-QString parseSerialLine(const QString &text, SerialLine &out)
-{
-    const QStringList f = text.split(QLatin1Char(','));
-    const QString usage =
-        QStringLiteral("line parameters '%1': expected BAUD,DATABITS,PARITY,STOPBITS "
-                       "such as 115200,8,NONE,1")
-            .arg(text);
-    if (f.size() != 4)
-        return usage;
-    SerialLine line;
-    bool ok = false;
-    line.baud = f[0].trimmed().toInt(&ok);
-    if (!ok || line.baud <= 0)
-        return usage;
-    const int bits = f[1].trimmed().toInt(&ok);
-    if (!ok || bits < 5 || bits > 8)
-        return usage;
-    line.dataBits = QSerialPort::DataBits(bits);
-    const auto parity = PARITIES.find(f[2].trimmed().toUpper());
-    const auto stop = STOP_BITS.find(f[3].trimmed());
-    if (parity == PARITIES.end() || stop == STOP_BITS.end())
-        return usage;
-    line.parity = parity->second;
-    line.stopBits = stop->second;
-    out = line;
     return QString();
 }
 

@@ -34,18 +34,6 @@ QString frameWhat(const FRAME_PRO &f)
         .arg(f.wordCount);
 }
 
-double stopBits(QSerialPort::StopBits s)
-{
-    switch (s) {
-    case QSerialPort::OneAndHalfStop:
-        return 1.5;
-    case QSerialPort::TwoStop:
-        return 2;
-    default:
-        return 1;
-    }
-}
-
 } // namespace
 
 QString withMaxPacketLen(const QString &properties, int maxPacketLen)
@@ -100,15 +88,9 @@ QString planCycle(Host &host, const QString &properties, CyclePlan &out)
     return QString();
 }
 
-double bitsPerCharacter(const SerialLine &line)
-{
-    const int parityBits = line.parity == QSerialPort::NoParity ? 0 : 1;
-    return 1 + int(line.dataBits) + parityBits + stopBits(line.stopBits);
-}
-
 double lineTimeMs(qint64 bytes, const SerialLine &line)
 {
-    return double(bytes) * bitsPerCharacter(line) * 1000.0 / line.baud;
+    return double(bytes) * xbctrace::bitsPerCharacter(line) * 1000.0 / line.baud;
 }
 
 } // namespace xbchost

@@ -9,6 +9,7 @@
 #define XBC_HOST_H
 
 #include "ls_xbc_cpu_direct.h"
+#include "serial_line.h"
 
 #include <QElapsedTimer>
 #include <QFile>
@@ -71,14 +72,9 @@ struct LinkConfig {
 // "HOST:PORT" or "HOST" (port 8000). Empty error text on success.
 QString parseTcpTarget(const QString &text, LinkConfig &out);
 
-struct SerialLine {
-    qint32 baud = 115200;
-    QSerialPort::DataBits dataBits = QSerialPort::Data8;
-    QSerialPort::Parity parity = QSerialPort::NoParity;
-    QSerialPort::StopBits stopBits = QSerialPort::OneStop;
-};
-// "115200,8,NONE,1": parity NONE, EVEN, ODD, SPACE or MARK; stop bits 1, 1.5, 2.
-QString parseSerialLine(const QString &text, SerialLine &out);
+// Line texts ("115200,8,NONE,1") are read as the line tap reads them.
+using xbctrace::parseSerialLine;
+using xbctrace::SerialLine;
 
 struct Link {
     LinkConfig config;
@@ -411,7 +407,6 @@ int printPlan(Host &host, const QString &properties, const QString &line);
 constexpr int PLANNED_PACKET_LENGTHS[] = {8, 16, 32, 64, 127};
 
 // Line time: start bit, data bits, parity bit, stop bits per character.
-double bitsPerCharacter(const SerialLine &line);
 double lineTimeMs(qint64 bytes, const SerialLine &line);
 
 // "HOST:PORT" or "DEVICE (LINE)": the target as every message names it.

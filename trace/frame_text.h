@@ -13,6 +13,17 @@ namespace xbctrace {
 // the rest as they are.
 QString printable(const QByteArray &bytes);
 
+// The value of an upper-case hexadecimal digit as frames carry it; -1 for any
+// other character.
+inline int hexDigitValue(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
 } // namespace xbctrace
 
 #endif

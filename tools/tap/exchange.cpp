@@ -1,5 +1,6 @@
 // Cutting the two byte streams into requests and replies, pairing them, and
 // recording them the way xbc-host --capture does.
+#include "frame_text.h"
 #include "tap.h"
 
 #include <QStringList>
@@ -35,15 +36,6 @@ void record(Exchanges &ex, bool fromRuntime, const QByteArray &bytes)
         xbctrace::recordReceived(*ex.capture, ex.ends, bytes);
 }
 
-int hexValue(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // The reply length a request asks for: a read names its byte count, every
 // other command is answered by the bare frame. 0 when it cannot be told.
 int expectedReplyLength(const QByteArray &request)
@@ -52,8 +44,8 @@ int expectedReplyLength(const QByteArray &request)
         return 0;
     if (request.at(COMMAND_OFFSET) != 'r')
         return REPLY_FRAME_BYTES;
-    const int high = hexValue(request.at(BYTE_COUNT_OFFSET));
-    const int low = hexValue(request.at(BYTE_COUNT_OFFSET + 1));
+    const int high = xbctrace::hexDigitValue(request.at(BYTE_COUNT_OFFSET));
+    const int low = xbctrace::hexDigitValue(request.at(BYTE_COUNT_OFFSET + 1));
     if (high < 0 || low < 0)
         return 0;
     return REPLY_FRAME_BYTES + 2 * (high * 16 + low);
@@ -66,7 +58,8 @@ bool checksumMatches(const QByteArray &reply)
     quint8 sum = 0;
     for (int i = 1; i < end; ++i)
         sum = quint8(sum + quint8(reply.at(i)));
-    return hexValue(reply.at(end)) == sum >> 4 && hexValue(reply.at(end + 1)) == (sum & 0xF);
+    return xbctrace::hexDigitValue(reply.at(end)) == sum >> 4 &&
+           xbctrace::hexDigitValue(reply.at(end + 1)) == (sum & 0xF);
 }
 
 // Counts one reply (empty: none came) and remembers whether it was bad.

@@ -6,6 +6,7 @@
 #define XBC_TAP_H
 
 #include "capture.h"
+#include "serial_line.h"
 
 #include <QByteArray>
 #include <QHostAddress>
@@ -61,15 +62,9 @@ struct Endpoint {
     QString device; // serial
 };
 
-struct SerialLine {
-    qint32 baud = 115200;
-    QSerialPort::DataBits dataBits = QSerialPort::Data8;
-    QSerialPort::Parity parity = QSerialPort::NoParity;
-    QSerialPort::StopBits stopBits = QSerialPort::OneStop;
-};
-// "115200,8,NONE,1": parity NONE, EVEN, ODD, SPACE or MARK; stop bits 1, 1.5
-// or 2. Empty error text on success.
-QString parseSerialLine(const QString &text, SerialLine &out);
+// Line texts are read as the runtime stand-in reads them.
+using xbctrace::parseSerialLine;
+using xbctrace::SerialLine;
 
 struct TapConfig {
     bool serial = false;
