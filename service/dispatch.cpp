@@ -2,15 +2,28 @@
 // decoded into the image, a following write frame or the recipe buffer.
 #include "service.h"
 
+// Room for the three numbers and the punctuation of a request description.
+constexpr int DESCRIPTION_NUMBERS_RESERVE = 40;
+
 QString getErrorInfo(QByteArray reply)
 {
     const VARIABLE &var = driver.sendList.first().var;
     if (driverPrivate.inFlight == nullptr)
         return QString();
-    return QString::fromLatin1("%1#%2%3(%4)(%5)")
-        .arg(QString::number(var.stationNo), var.regName,
-             addressText(*driverPrivate.inFlight, var.address), QString::number(var.count),
-             QString::number(reply.size()));
+    // "%1#%2%3(%4)(%5)", built by appending: it is made for every reply.
+    const QString address = addressText(*driverPrivate.inFlight, var.address);
+    QString text;
+    text.reserve(var.regName.size() + address.size() + DESCRIPTION_NUMBERS_RESERVE);
+    text.append(QString::number(var.stationNo))
+        .append(QLatin1Char('#'))
+        .append(var.regName)
+        .append(address)
+        .append(QLatin1Char('('))
+        .append(QString::number(var.count))
+        .append(QLatin1String(")("))
+        .append(QString::number(reply.size()))
+        .append(QLatin1Char(')'));
+    return text;
 }
 
 // ---------------------------------------------------------------------------
