@@ -12,6 +12,8 @@
 #include <QJsonDocument>
 
 #include <algorithm>
+#include <condition_variable>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -25,10 +27,44 @@ namespace xbchost {
 
 namespace {
 
+// One thread per connection, so a client slow to send its headers holds only
+// its own thread and never those of the others (a fixed pool of threads is
+// used up by as many slow clients as it has threads).
+struct ConnectionThreads : httplib::TaskQueue {
+    explicit ConnectionThreads(int most) : most(most)
+    {
+    }
+    void enqueue(std::function<void()> fn) override
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        changed.wait(lock, [this]() { return running < most || stopping; });
+        ++running;
+        std::thread([this, fn = std::move(fn)]() mutable {
+            fn();
+            fn = nullptr;
+            std::lock_guard<std::mutex> done(mutex);
+            --running;
+            changed.notify_all();
+        }).detach();
+    }
+    // Returns once every connection's thread has finished with this queue.
+    void shutdown() override
+    {
+        std::unique_lock<std::mutex> lock(mutex);
+        stopping = true;
+        changed.wait(lock, [this]() { return running == 0; });
+    }
+    const int most;
+    std::mutex mutex;
+    std::condition_variable changed;
+    int running = 0;
+    bool stopping = false;
+};
+
 enum {
-    // Enough threads that a dozen slow clients leave plenty for the rest;
-    // requests beyond them wait in the pool's queue.
-    SERVER_THREADS = 32,
+    // Connections served at once, each on a thread of its own; more wait
+    // until one ends.
+    MAX_CONNECTION_THREADS = 256,
     // A client that sends nothing for this long loses its connection, so a
     // stalled request holds its thread no longer.
     READ_TIMEOUT_SECONDS = 2,
@@ -262,7 +298,7 @@ void postRoute(Console &c, const char *path, std::vector<const char *> fields,
 void setUpRoutes(Console &c)
 {
     httplib::Server &s = c.server;
-    s.new_task_queue = []() { return new httplib::ThreadPool(SERVER_THREADS); };
+    s.new_task_queue = []() { return new ConnectionThreads(MAX_CONNECTION_THREADS); };
     s.set_read_timeout(READ_TIMEOUT_SECONDS);
     s.set_payload_max_length(MAX_BODY_BYTES);
     s.set_keep_alive_timeout(KEEP_ALIVE_SECONDS);
