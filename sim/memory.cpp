@@ -129,32 +129,37 @@ void stepLive(Memory &mem, const LiveConfig &live)
         setBitAt(mem, b.area, b.bitAddress, !bitAt(mem, b.area, b.bitAddress));
 }
 
-QString addCounter(LiveConfig &live, const QString &text)
+namespace {
+
+// One live location of the kind an option takes: a word for --counter, a bit
+// for --blink; the other kind is refused with a pointer to the right option.
+QString addLiveLocation(QList<Location> &list, const QString &text, const char *option,
+                        bool wantBit, const char *refusal)
 {
     Location loc;
     const QString error = parseLocation(text, loc);
     if (!error.isEmpty())
-        return QStringLiteral("--counter %1").arg(error);
-    if (loc.isBit)
-        return QStringLiteral("--counter '%1': a counter is a word, such as D_W:0 (a bit "
-                              "that toggles is --blink)")
-            .arg(text);
-    live.counters.append(loc);
+        return QStringLiteral("%1 %2").arg(QLatin1String(option), error);
+    if (loc.isBit != wantBit)
+        return QStringLiteral("%1 '%2': %3")
+            .arg(QLatin1String(option), text, QLatin1String(refusal));
+    list.append(loc);
     return QString();
+}
+
+} // namespace
+
+QString addCounter(LiveConfig &live, const QString &text)
+{
+    return addLiveLocation(live.counters, text, "--counter", false,
+                           "a counter is a word, such as D_W:0 (a bit that toggles is --blink)");
 }
 
 QString addBlink(LiveConfig &live, const QString &text)
 {
-    Location loc;
-    const QString error = parseLocation(text, loc);
-    if (!error.isEmpty())
-        return QStringLiteral("--blink %1").arg(error);
-    if (!loc.isBit)
-        return QStringLiteral("--blink '%1': a blinking value is a bit, such as M_bit:0.0 or "
-                              "TX:3 (a word that counts up is --counter)")
-            .arg(text);
-    live.blinks.append(loc);
-    return QString();
+    return addLiveLocation(live.blinks, text, "--blink", true,
+                           "a blinking value is a bit, such as M_bit:0.0 or TX:3 (a word that "
+                           "counts up is --counter)");
 }
 
 QString applyPreset(Memory &mem, const QString &text)
